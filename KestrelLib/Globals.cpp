@@ -1,0 +1,80 @@
+#include "KestrelLib/Globals.h"
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "KestrelLib/HostLogger.h"
+#include "libinfra/com/HResultError.h"
+#include "logging/LogMessage.h"
+
+namespace tessel {
+namespace {
+
+// One service to acquire: the name its error message uses and the service id to ask for.
+struct ServiceSlot {
+  std::string_view name;
+  const GUID& serviceId;
+};
+
+// Empties `destination`, then lets QueryService write into it directly.
+template <typename Interface>
+void Acquire(const ServiceSlot& slot, Interface*& destination) {
+  if (destination != nullptr) {
+    destination->Release();
+    destination = nullptr;
+  }
+  IServiceProvider* registry = com::Required(Globals::registry);
+  const HRESULT result = registry->QueryService(slot.serviceId, com::InterfaceId<Interface>::value,
+                                                reinterpret_cast<void**>(&destination));
+  if (FAILED(result)) {
+    throw std::runtime_error("Failed to query the COM interface for the " + std::string(slot.name) + " object");
+  }
+}
+
+template <typename Interface>
+void ReleaseSlot(Interface*& slot) {
+  com::Required(slot)->Release();
+  slot = nullptr;
+}
+
+}  // namespace
+
+void Globals::initialize(IServiceProvider* newRegistry) {
+  if (newRegistry == nullptr) {
+    throw std::invalid_argument("Registry pointer is null");
+  }
+  if (registry != nullptr) {
+    KESTREL_LOG_AT_LINE(58, Info, L"Global objects have already been initialized, skipping re-initialization.");
+    return;
+  }
+  try {
+    newRegistry->AddRef();
+    registry = newRegistry;
+    Acquire({"logger", SID_TarnHostServices}, logger);
+    logging::logFunction = &SendToHostLogger;
+    Acquire({"config", SID_TarnConfig}, config);
+    Acquire({"event generator", SID_TarnHostServices}, eventGenerator);
+    Acquire({"injected CP container", SID_TarnHostServices}, cpContainer);
+  } catch (const std::exception& error) {
+    KESTREL_LOG_AT_LINE(80, Error, L"Failed to initialize globals: %S", error.what());
+    // Release meets the still-empty hook infrastructure slot first and throws E_POINTER, so a
+    // half-built set of globals stays as it is and is never rebuilt.
+    release();
+    throw;
+  }
+}
+
+void Globals::release() {
+  KESTREL_LOG_AT_LINE(88, Info, L"Releasing global objects");
+  ReleaseSlot(hookInfra);
+  ReleaseSlot(eventGenerator);
+  ReleaseSlot(cpContainer);
+  ReleaseSlot(config);
+  // Emptied before the logger goes, so no late message reaches a released logger.
+  logging::logFunction = nullptr;
+  ReleaseSlot(logger);
+  ReleaseSlot(registry);
+}
+
+}  // namespace tessel

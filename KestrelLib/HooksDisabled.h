@@ -1,0 +1,14 @@
+#pragma once
+#include <atomic>
+#include <cstdint>
+
+namespace tessel {
+
+// 1 while the hook handlers must not do their monitoring work: from load until the first
+// successful Initialize, and again after Stop. Handlers load it with acquire on every call.
+extern std::atomic<std::uint8_t> hooksDisabled;
+
+// Store-release followed by a full barrier, so no handler starts work on a stale view.
+void SetHooksDisabled(bool disabled) noexcept;
+
+}  // namespace tessel

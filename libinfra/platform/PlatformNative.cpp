@@ -1,0 +1,136 @@
+// The Linux side of the platform seam. wchar_t is 32 bits here, so wide text is UTF-32; the
+// conversions follow the Windows rules for ill-formed input (replacement, never failure).
+#include <cstdlib>
+#include <cstring>
+
+#include "libinfra/platform/ComAbi.h"
+#include "libinfra/platform/Platform.h"
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+thread_local DWORD lastError = 0;
+
+void AppendUtf8(std::string& out, char32_t c) {
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+  } else if (c < 0x800) {
+    out += static_cast<char>(0xC0 | (c >> 6));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    out += static_cast<char>(0xE0 | (c >> 12));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (c >> 18));
+    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  }
+}
+
+// Decodes one scalar value at text[i], advancing i past it, or past the maximal ill-formed
+// subsequence (which becomes one U+FFFD).
+char32_t DecodeUtf8(std::string_view text, size_t& i) {
+  const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+  const unsigned char lead = byte(i++);
+  if (lead < 0x80) {
+    return lead;
+  }
+  int trailing = 0;
+  char32_t value = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    trailing = 1;
+    value = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    trailing = 2;
+    value = lead & 0x0F;
+    low = lead == 0xE0 ? 0xA0 : 0x80;
+    high = lead == 0xED ? 0x9F : 0xBF;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    trailing = 3;
+    value = lead & 0x07;
+    low = lead == 0xF0 ? 0x90 : 0x80;
+    high = lead == 0xF4 ? 0x8F : 0xBF;
+  } else {
+    return kReplacement;
+  }
+  for (int k = 0; k < trailing; ++k) {
+    if (i >= text.size() || byte(i) < low || byte(i) > high) {
+      return kReplacement;
+    }
+    value = (value << 6) | (byte(i++) & 0x3F);
+    low = 0x80;
+    high = 0xBF;
+  }
+  return value;
+}
+
+}  // namespace
+
+namespace platform {
+
+std::string Utf8FromWide(std::wstring_view text) {
+  std::string result;
+  result.reserve(text.size());
+  for (const wchar_t unit : text) {
+    const auto c = static_cast<char32_t>(unit);
+    const bool scalar = c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF);
+    AppendUtf8(result, scalar ? c : kReplacement);
+  }
+  return result;
+}
+
+std::optional<std::wstring> WideFromUtf8(std::string_view text) {
+  if (text.empty()) {
+    return std::nullopt;
+  }
+  std::wstring result;
+  result.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    result += static_cast<wchar_t>(DecodeUtf8(text, i));
+  }
+  return result;
+}
+
+}  // namespace platform
+
+BSTR SysAllocStringLen(const OLECHAR* text, UINT32 length) {
+  const size_t bytes = sizeof(UINT32) + (static_cast<size_t>(length) + 1) * sizeof(OLECHAR);
+  auto* block = static_cast<unsigned char*>(std::malloc(bytes));
+  if (block == nullptr) {
+    return nullptr;
+  }
+  const UINT32 byteLength = length * static_cast<UINT32>(sizeof(OLECHAR));
+  std::memcpy(block, &byteLength, sizeof byteLength);
+  auto* string = reinterpret_cast<BSTR>(block + sizeof(UINT32));
+  if (text != nullptr) {
+    std::memcpy(string, text, length * sizeof(OLECHAR));
+  } else {
+    std::memset(string, 0, length * sizeof(OLECHAR));
+  }
+  string[length] = L'\0';
+  return string;
+}
+
+UINT32 SysStringLen(BSTR text) {
+  if (text == nullptr) {
+    return 0;
+  }
+  UINT32 byteLength = 0;
+  std::memcpy(&byteLength, reinterpret_cast<unsigned char*>(text) - sizeof(UINT32), sizeof byteLength);
+  return byteLength / sizeof(OLECHAR);
+}
+
+void SysFreeString(BSTR text) {
+  if (text != nullptr) {
+    std::free(reinterpret_cast<unsigned char*>(text) - sizeof(UINT32));
+  }
+}
+
+DWORD GetLastError() { return lastError; }
+
+void SetLastError(DWORD error) { lastError = error; }
