@@ -19,6 +19,11 @@ set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 set(CMAKE_CXX_FLAGS_INIT
     "-nostdinc++ -isystem ${KESTREL_MINGW_GCC_DIR}/include/c++ -isystem ${KESTREL_MINGW_GCC_DIR}/include/c++/x86_64-w64-mingw32 -fms-extensions")
 set(CMAKE_C_FLAGS_INIT "-fms-extensions")
+if(KESTREL_ARM64_TRIPLE MATCHES "^arm64ec")
+  # clang defines __x86_64__ for ARM64EC (x64 source compatibility), so libstdc++'s spin-wait
+  # asks for the x86 pause builtin; give it the Arm yield hint it stands for.
+  string(APPEND CMAKE_CXX_FLAGS_INIT " \"-D__builtin_ia32_pause()=__builtin_arm_yield()\"")
+endif()
 set(CMAKE_FIND_ROOT_PATH ${KESTREL_MINGW_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -17,6 +17,8 @@ struct HINSTANCE__;
 using HMODULE = HINSTANCE__*;
 
 #define STDMETHODCALLTYPE
+#define TRUE 1
+#define FALSE 0
 #define STDAPICALLTYPE
 #define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
 #define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)

@@ -1,0 +1,142 @@
+// The COM object template: counting, identity, weak references and the module object count.
+#include <gtest/gtest.h>
+
+#include "libinfra/com/LifetimeList.h"
+#include "libinfra/com/Object.h"
+#include "tests/support/AllocationCounter.h"
+#include "tests/support/Iids.h"
+#include "tests/support/TestHost.h"
+
+namespace {
+
+class Widget final : public com::Object<Widget, IServiceProvider, IConnectionPointContainer> {
+ public:
+  explicit Widget(bool& destroyed) : destroyed_(destroyed) {}
+  ~Widget() { destroyed_ = true; }
+  HRESULT STDMETHODCALLTYPE QueryService(REFGUID, REFIID, void**) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID, IConnectionPoint**) override { return E_FAIL; }
+
+ private:
+  bool& destroyed_;
+};
+
+std::int32_t LiveObjects() { return com::moduleObjectCount.load(); }
+
+TEST(ComObject, CountStartsAtOneAndTheObjectIsCountedUntilDestroyed) {
+  const std::int32_t baseline = LiveObjects();
+  bool destroyed = false;
+  Widget* widget = com::Make<Widget>(destroyed).Detach();
+  EXPECT_EQ(LiveObjects(), baseline + 1);
+  EXPECT_EQ(widget->AddRef(), 2u);
+  EXPECT_EQ(widget->Release(), 1u);
+  EXPECT_FALSE(destroyed);
+  EXPECT_EQ(widget->Release(), 0u);
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(LiveObjects(), baseline);
+}
+
+TEST(ComObject, QueryInterfaceAnswersTheDeclaredInterfacesWithOneIdentity) {
+  bool destroyed = false;
+  com::Ptr<Widget> widget = com::Make<Widget>(destroyed);
+  IUnknown* identity = nullptr;
+  ASSERT_EQ(widget->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(&identity)), S_OK);
+  for (const GUID& iid : {com::kIidIServiceProvider, com::kIidIConnectionPointContainer}) {
+    IUnknown* answer = nullptr;
+    ASSERT_EQ(widget->QueryInterface(iid, reinterpret_cast<void**>(&answer)), S_OK);
+    IUnknown* answerIdentity = nullptr;
+    ASSERT_EQ(answer->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(&answerIdentity)), S_OK);
+    EXPECT_EQ(answerIdentity, identity);
+    answerIdentity->Release();
+    answer->Release();
+  }
+  for (const GUID& iid : {com::kIidIClassFactory, com::kIidIWeakReference, test::kIidIAgileObject, test::kIidIMarshal}) {
+    void* answer = &destroyed;
+    EXPECT_EQ(widget->QueryInterface(iid, &answer), E_NOINTERFACE);
+    EXPECT_EQ(answer, nullptr);
+  }
+  EXPECT_EQ(widget->QueryInterface(com::kIidIUnknown, nullptr), E_POINTER);
+  identity->Release();
+  EXPECT_EQ(widget->AddRef(), 2u);
+  widget->Release();
+}
+
+TEST(ComObject, WeakReferenceFailsToResolveAfterTheObjectDies) {
+  const std::int32_t baseline = LiveObjects();
+  bool destroyed = false;
+  com::Ptr<Widget> widget = com::Make<Widget>(destroyed);
+  com::Ptr<com::IWeakReferenceSource> source;
+  ASSERT_EQ(widget->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(source.Put())), S_OK);
+  EXPECT_EQ(LiveObjects(), baseline + 2) << "the control block counts as a live object";
+  com::Ptr<com::IWeakReference> weak;
+  ASSERT_EQ(source->GetWeakReference(weak.Put()), S_OK);
+  source = {};
+  EXPECT_EQ(widget->AddRef(), 2u) << "the count moved into the control block unchanged";
+  widget->Release();
+
+  com::Ptr<IUnknown> resolved;
+  ASSERT_EQ(weak->Resolve(com::kIidIServiceProvider, resolved.Put()), S_OK);
+  EXPECT_NE(resolved.Get(), nullptr);
+  EXPECT_EQ(weak->Resolve(com::kIidIClassFactory, resolved.Put()), E_NOINTERFACE);
+  resolved = {};
+
+  widget = {};
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(weak->Resolve(com::kIidIServiceProvider, resolved.Put()), S_OK);
+  EXPECT_EQ(resolved.Get(), nullptr);
+  EXPECT_EQ(LiveObjects(), baseline + 1);
+  weak = {};
+  EXPECT_EQ(LiveObjects(), baseline);
+}
+
+TEST(ComObject, WeakReferenceSourceAllocationFailureIsOutOfMemory) {
+  const std::int32_t baseline = LiveObjects();
+  bool destroyed = false;
+  com::Ptr<Widget> widget = com::Make<Widget>(destroyed);
+  test::FailNextNothrowAllocation();
+  void* source = &destroyed;
+  EXPECT_EQ(widget->QueryInterface(com::kIidIWeakReferenceSource, &source), E_OUTOFMEMORY);
+  EXPECT_EQ(source, nullptr);
+  EXPECT_EQ(LiveObjects(), baseline + 1);
+  // The next request succeeds: nothing was left half-built.
+  com::Ptr<IUnknown> retry;
+  EXPECT_EQ(widget->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(retry.Put())), S_OK);
+}
+
+TEST(ComObjectDeathTest, MoreDestructionsThanConstructionsTerminate) {
+  EXPECT_DEATH(
+      {
+        const std::int32_t live = com::moduleObjectCount.load();
+        com::moduleObjectCount.store(0);
+        alignas(com::ModuleObjectCounter) unsigned char storage[sizeof(com::ModuleObjectCounter)];
+        reinterpret_cast<com::ModuleObjectCounter*>(storage)->~ModuleObjectCounter();
+        com::moduleObjectCount.store(live);
+      },
+      "");
+}
+
+class Releasable final : public test::TestObject<IServiceProvider> {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryService(REFGUID, REFIID, void**) override { return E_FAIL; }
+};
+
+TEST(LifetimeList, ReleasesEveryPresentObjectOnceAndForgetsTheEntries) {
+  com::LifetimeList list;
+  Releasable first;
+  Releasable second;
+  first.AddRef();
+  second.AddRef();
+  com::LifetimeEntry entries[3] = {{{&first, 0}, nullptr}, {{nullptr, 0}, nullptr}, {{&second, 7}, nullptr}};
+  for (auto& entry : entries) {
+    list.Add(entry);
+  }
+  list.ReleaseAll();
+  EXPECT_EQ(first.References(), 0u);
+  EXPECT_EQ(second.References(), 0u);
+  EXPECT_EQ(entries[2].slot.object, nullptr);
+  EXPECT_EQ(entries[2].slot.generation, 8u);
+  list.ReleaseAll();
+  EXPECT_EQ(first.References(), 0u);
+}
+
+}  // namespace

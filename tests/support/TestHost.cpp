@@ -1,0 +1,125 @@
+#include "tests/support/TestHost.h"
+
+#include <ostream>
+
+namespace test {
+
+std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
+  return out << "{level " << record.level << ", " << record.file << ":" << record.line << ", \"" << record.text
+             << "\"}";
+}
+
+HRESULT RecordingLogger::Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) {
+  std::lock_guard lock(mutex_);
+  records_.push_back({level, file, line, message});
+  return S_OK;
+}
+
+std::vector<LogRecord> RecordingLogger::Records() const {
+  std::lock_guard lock(mutex_);
+  return records_;
+}
+
+HRESULT FakeConfig::GetModuleConfiguration(BSTR* out) {
+  calls_.push_back("GetModuleConfiguration");
+  if (FAILED(result)) {
+    return result;
+  }
+  *out = SysAllocStringLen(json.data(), static_cast<UINT32>(json.size()));
+  return S_OK;
+}
+
+HRESULT FakeEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
+  std::lock_guard lock(mutex_);
+  events_.emplace_back(data, data + size);
+  return S_OK;
+}
+
+std::vector<std::vector<BYTE>> FakeEventGenerator::Events() const {
+  std::lock_guard lock(mutex_);
+  return events_;
+}
+
+HRESULT FakeConnectionPoint::Advise(IUnknown* newSink, DWORD* cookie) {
+  calls_.push_back("Advise");
+  if (FAILED(adviseResult)) {
+    return adviseResult;
+  }
+  newSink->AddRef();
+  sink = newSink;
+  *cookie = 42;
+  return S_OK;
+}
+
+HRESULT FakeConnectionPoint::Unadvise(DWORD cookie) {
+  calls_.push_back("Unadvise " + std::to_string(cookie));
+  if (sink != nullptr) {
+    sink->Release();
+    sink = nullptr;
+  }
+  return S_OK;
+}
+
+HRESULT FakeConnectionPointContainer::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
+  calls_.push_back(com::GuidEquals(iid, _ITarnDllEvents::kIid) ? "FindConnectionPoint(_ITarnDllEvents)"
+                                                               : "FindConnectionPoint(other)");
+  *point = nullptr;
+  if (FAILED(findResult)) {
+    return findResult;
+  }
+  point_.AddRef();
+  *point = &point_;
+  return S_OK;
+}
+
+FakeRegistry::FakeRegistry() = default;
+
+namespace {
+
+const char* ServiceName(Service service) {
+  switch (service) {
+    case Service::Logger:
+      return "logger";
+    case Service::Config:
+      return "config";
+    case Service::EventGenerator:
+      return "event generator";
+    case Service::CpContainer:
+      return "injected CP container";
+  }
+  return "?";
+}
+
+}  // namespace
+
+HRESULT FakeRegistry::QueryService(REFGUID serviceId, REFIID iid, void** object) {
+  *object = nullptr;
+  IUnknown* answer = nullptr;
+  Service service{};
+  if (com::GuidEquals(serviceId, SID_TarnHostServices) && com::GuidEquals(iid, _ITarnLogger::kIid)) {
+    service = Service::Logger;
+    answer = static_cast<_ITarnLogger*>(&logger);
+  } else if (com::GuidEquals(serviceId, SID_TarnConfig) && com::GuidEquals(iid, _ITarnConfig::kIid)) {
+    service = Service::Config;
+    answer = static_cast<_ITarnConfig*>(&config);
+  } else if (com::GuidEquals(serviceId, SID_TarnHostServices) && com::GuidEquals(iid, _ITarnEventGenerator::kIid)) {
+    service = Service::EventGenerator;
+    answer = static_cast<_ITarnEventGenerator*>(&eventGenerator);
+  } else if (com::GuidEquals(serviceId, SID_TarnHostServices) &&
+             com::GuidEquals(iid, com::kIidIConnectionPointContainer)) {
+    service = Service::CpContainer;
+    answer = static_cast<IConnectionPointContainer*>(&cpContainer);
+  } else {
+    calls.push_back("QueryService(unknown pairing)");
+    return E_NOINTERFACE;
+  }
+  calls.push_back(std::string("QueryService(") + ServiceName(service) + ")");
+  if (const auto failure = failures_.find(service); failure != failures_.end()) {
+    return failure->second;
+  }
+  answer->AddRef();
+  *object = answer;
+  return S_OK;
+}
+
+}  // namespace test

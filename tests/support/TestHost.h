@@ -1,0 +1,117 @@
+#pragma once
+// The host side of the boundary for tests: a service provider handing out a recording logger,
+// a config service, an event generator and a connection point container, each of which can be
+// told to fail. Every call they receive is appended to one ordered call log.
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tests/support/TestObject.h"
+
+namespace test {
+
+using CallLog = std::vector<std::string>;
+
+struct LogRecord {
+  std::int32_t level;
+  std::string file;
+  std::uint32_t line;
+  std::string text;
+
+  bool operator==(const LogRecord&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const LogRecord& record);
+
+class RecordingLogger final : public TestObject<_ITarnLogger> {
+ public:
+  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line,
+                                const char* message) override;
+  std::vector<LogRecord> Records() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<LogRecord> records_;
+};
+
+class FakeConfig final : public TestObject<_ITarnConfig> {
+ public:
+  explicit FakeConfig(CallLog& calls) : calls_(calls) {}
+  HRESULT STDMETHODCALLTYPE HostSlot3() override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE HostSlot4() override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE HostSlot5() override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE HostSlot6() override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* json) override;
+
+  std::wstring json = L"{}";
+  HRESULT result = S_OK;
+
+ private:
+  CallLog& calls_;
+};
+
+class FakeEventGenerator final : public TestObject<_ITarnEventGenerator> {
+ public:
+  HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
+  std::vector<std::vector<BYTE>> Events() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::vector<BYTE>> events_;
+};
+
+class FakeConnectionPoint final : public TestObject<IConnectionPoint> {
+ public:
+  explicit FakeConnectionPoint(CallLog& calls) : calls_(calls) {}
+  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID*) override { return E_NOTIMPL_RESULT; }
+  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override {
+    return E_NOTIMPL_RESULT;
+  }
+  HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
+  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
+  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections**) override { return E_NOTIMPL_RESULT; }
+
+  IUnknown* sink = nullptr;
+  HRESULT adviseResult = S_OK;
+
+ private:
+  static constexpr HRESULT E_NOTIMPL_RESULT = static_cast<HRESULT>(0x80004001);
+  CallLog& calls_;
+};
+
+class FakeConnectionPointContainer final : public TestObject<IConnectionPointContainer> {
+ public:
+  FakeConnectionPointContainer(CallLog& calls, FakeConnectionPoint& point) : calls_(calls), point_(point) {}
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+
+  HRESULT findResult = S_OK;
+
+ private:
+  CallLog& calls_;
+  FakeConnectionPoint& point_;
+};
+
+// The four services by the names the library's messages use.
+enum class Service { Logger, Config, EventGenerator, CpContainer };
+
+class FakeRegistry final : public TestObject<IServiceProvider> {
+ public:
+  FakeRegistry();
+  HRESULT STDMETHODCALLTYPE QueryService(REFGUID service, REFIID iid, void** object) override;
+
+  // The next and every later query for `service` answers `result` and hands out nothing.
+  void Fail(Service service, HRESULT result) { failures_[service] = result; }
+
+  CallLog calls;
+  RecordingLogger logger;
+  FakeConfig config{calls};
+  FakeEventGenerator eventGenerator;
+  FakeConnectionPoint connectionPoint{calls};
+  FakeConnectionPointContainer cpContainer{calls, connectionPoint};
+
+ private:
+  std::map<Service, HRESULT> failures_;
+};
+
+}  // namespace test
