@@ -90,6 +90,7 @@ TEST(ComObject, WeakReferenceFailsToResolveAfterTheObjectDies) {
 }
 
 TEST(ComObject, WeakReferenceSourceAllocationFailureIsOutOfMemory) {
+  KESTREL_REQUIRE_ALLOCATION_COUNTER();
   const std::int32_t baseline = LiveObjects();
   bool destroyed = false;
   com::Ptr<Widget> widget = com::Make<Widget>(destroyed);

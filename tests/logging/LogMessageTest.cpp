@@ -34,6 +34,7 @@ TEST(LogMessage, BaseNameIsNulTerminatedForTheHost) {
 }
 
 TEST(LogMessage, WithoutLogFunctionNothingIsScannedOrAllocated) {
+  KESTREL_REQUIRE_ALLOCATION_COUNTER();
   ASSERT_FALSE(tessel::logging::logFunction);
   const std::size_t before = test::AllocationCount();
   EXPECT_NO_THROW(KESTREL_LOG(Error, L"no conversion for this argument", std::int32_t{1}, "text"));

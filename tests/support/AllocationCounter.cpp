@@ -9,7 +9,7 @@ namespace {
 std::atomic<std::size_t> allocations{0};
 std::atomic<bool> failNextNothrow{false};
 
-void* Allocate(std::size_t size) noexcept {
+[[maybe_unused]] void* Allocate(std::size_t size) noexcept {
   allocations.fetch_add(1, std::memory_order_relaxed);
   return std::malloc(size == 0 ? 1 : size);
 }
@@ -23,6 +23,8 @@ std::size_t AllocationCount() noexcept { return allocations.load(std::memory_ord
 void FailNextNothrowAllocation() noexcept { failNextNothrow.store(true); }
 
 }  // namespace test
+
+#ifndef KESTREL_TEST_NO_ALLOCATION_COUNTER
 
 void* operator new(std::size_t size) {
   if (void* block = Allocate(size)) {
@@ -48,3 +50,5 @@ void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
 void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
 void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
+
+#endif  // KESTREL_TEST_NO_ALLOCATION_COUNTER
