@@ -5,6 +5,8 @@
 #include <string_view>
 
 #include "KestrelLib/HostLogger.h"
+#include "KestrelLib/KestrelConfig.h"
+#include "libinfra/com/Bstr.h"
 #include "libinfra/com/HResultError.h"
 #include "logging/LogMessage.h"
 
@@ -56,6 +58,7 @@ void Globals::initialize(IServiceProvider* newRegistry) {
     Acquire({"config", SID_TarnConfig}, config);
     Acquire({"event generator", SID_TarnHostServices}, eventGenerator);
     Acquire({"injected CP container", SID_TarnHostServices}, cpContainer);
+    RetrieveModuleConfiguration();
   } catch (const std::exception& error) {
     KESTREL_LOG_AT_LINE(80, Error, L"Failed to initialize globals: %S", error.what());
     // Release meets the still-empty hook infrastructure slot first and throws E_POINTER, so a
@@ -76,5 +79,22 @@ void Globals::release() {
   ReleaseSlot(logger);
   ReleaseSlot(registry);
 }
+
+void RetrieveModuleConfiguration() {
+  _ITarnConfig* service = com::Required(Globals::config);
+  com::Bstr json;
+  const HRESULT result = service->GetModuleConfiguration(json.Put());
+  if (FAILED(result)) {
+    KESTREL_LOG_AT_LINE(103, Error, L"Failed to retrieve module configuration: HRESULT 0x%08x", result);
+    return;
+  }
+  try {
+    Globals::heapAllocatorHookEnabled = DecodeKestrelConfig(json.View()).flags.hookHeapAllocator;
+  } catch (const std::exception& error) {
+    KESTREL_LOG_AT_LINE(110, Error, L"Failed to initialize configuration: %S", error.what());
+  }
+}
+
+bool IsHeapAllocatorHookEnabled() { return Globals::heapAllocatorHookEnabled; }
 
 }  // namespace tessel

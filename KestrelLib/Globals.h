@@ -25,6 +25,16 @@ class Globals {
   static inline _ITarnEventGenerator* eventGenerator = nullptr;
   static inline IConnectionPointContainer* cpContainer = nullptr;
   static inline IUnknown* hookInfra = nullptr;
+  // The configuration's hookHeapAllocator; false until a configuration is read successfully.
+  static inline bool heapAllocatorHookEnabled = false;
 };
+
+// Reads the host's configuration once and stores hookHeapAllocator. Logs and swallows a failed
+// service call and a bad document (the flag keeps its value); throws an HResultError with
+// E_POINTER when the config slot is empty.
+void RetrieveModuleConfiguration();
+
+// The predicate of the four heap allocator traps.
+bool IsHeapAllocatorHookEnabled();
 
 }  // namespace tessel

@@ -5,30 +5,13 @@
 
 #include "libinfra/platform/ComAbi.h"
 #include "libinfra/platform/Platform.h"
+#include "libinfra/text/Utf8.h"
 
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
 thread_local DWORD lastError = 0;
-
-void AppendUtf8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
 
 // Decodes one scalar value at text[i], advancing i past it, or past the maximal ill-formed
 // subsequence (which becomes one U+FFFD).
@@ -79,7 +62,7 @@ std::string Utf8FromWide(std::wstring_view text) {
   for (const wchar_t unit : text) {
     const auto c = static_cast<char32_t>(unit);
     const bool scalar = c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF);
-    AppendUtf8(result, scalar ? c : kReplacement);
+    text::AppendUtf8(result, scalar ? c : kReplacement);
   }
   return result;
 }

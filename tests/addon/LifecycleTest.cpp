@@ -34,9 +34,11 @@ class Lifecycle : public ::testing::Test {
 const test::CallLog kAllFourQueries{"QueryService(logger)", "QueryService(config)", "QueryService(event generator)",
                                     "QueryService(injected CP container)"};
 
-TEST_F(Lifecycle, InitializeQueriesTheFourServicesInOrderAndKeepsOneRegistryReference) {
+TEST_F(Lifecycle, InitializeQueriesTheFourServicesInOrderThenReadsTheConfiguration) {
   EXPECT_EQ(addon_->Initialize(&registry_), S_OK);
-  EXPECT_EQ(registry_.calls, kAllFourQueries);
+  test::CallLog expected = kAllFourQueries;
+  expected.push_back("GetModuleConfiguration");
+  EXPECT_EQ(registry_.calls, expected);
   EXPECT_EQ(registry_.References(), 1u);
   EXPECT_EQ(registry_.logger.References(), 1u);
   EXPECT_EQ(registry_.eventGenerator.References(), 1u);

@@ -25,7 +25,7 @@ HRESULT FakeConfig::GetModuleConfiguration(BSTR* out) {
   if (FAILED(result)) {
     return result;
   }
-  *out = SysAllocStringLen(json.data(), static_cast<UINT32>(json.size()));
+  *out = nullJson ? nullptr : SysAllocStringLen(json.data(), static_cast<UINT32>(json.size()));
   return S_OK;
 }
 
@@ -115,7 +115,7 @@ HRESULT FakeRegistry::QueryService(REFGUID serviceId, REFIID iid, void** object)
   }
   calls.push_back(std::string("QueryService(") + ServiceName(service) + ")");
   if (const auto failure = failures_.find(service); failure != failures_.end()) {
-    return failure->second;
+    return failure->second;  // S_OK here: success with nothing handed out
   }
   answer->AddRef();
   *object = answer;

@@ -44,6 +44,7 @@ class FakeConfig final : public TestObject<_ITarnConfig> {
   HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* json) override;
 
   std::wstring json = L"{}";
+  bool nullJson = false;  // hand out a null BSTR instead of `json`
   HRESULT result = S_OK;
 
  private:
@@ -102,6 +103,8 @@ class FakeRegistry final : public TestObject<IServiceProvider> {
 
   // The next and every later query for `service` answers `result` and hands out nothing.
   void Fail(Service service, HRESULT result) { failures_[service] = result; }
+  // Every query for `service` succeeds without handing anything out.
+  void AnswerNothing(Service service) { failures_[service] = S_OK; }
 
   CallLog calls;
   RecordingLogger logger;

@@ -1,0 +1,98 @@
+#pragma once
+// The per-thread record that stops a handler from re-entering itself: a bit per hook id below
+// kGuardBits, and for larger ids a chain of stack frames. Zero on every thread until its first
+// hook call gets past the disabled test.
+#include <cstdint>
+
+namespace tessel {
+
+inline constexpr std::uint64_t kGuardCanary = 0xdeadbeefdeadbeefULL;
+inline constexpr std::uint32_t kGuardBits = 6;
+
+struct GuardFrame {
+  std::uint64_t canaryBefore = kGuardCanary;
+  std::uint32_t hookId = 0;
+  GuardFrame* previous = nullptr;
+  std::uint64_t canaryAfter = kGuardCanary;
+  bool armed = false;
+};
+
+struct HookGuard {
+  bool allHooksActive;  // every hook counts as active on this thread
+  bool suppressed;      // every handler passes straight through on this thread
+  std::uint32_t activeBits;
+  GuardFrame* frameChain;
+};
+
+// A hook id, or none (which stands for every hook at once).
+struct GuardKey {
+  std::uint32_t id;
+  bool hasId;
+};
+
+extern thread_local constinit HookGuard threadHookGuard;
+
+inline bool IsActive(const HookGuard& guard, GuardKey key) noexcept {
+  if (guard.allHooksActive) {
+    return true;
+  }
+  if (!key.hasId) {
+    return false;
+  }
+  if (key.id >= kGuardBits) {
+    for (const GuardFrame* frame = guard.frameChain; frame != nullptr; frame = frame->previous) {
+      if (frame->canaryBefore != kGuardCanary || frame->canaryAfter != kGuardCanary) {
+        return false;  // a smashed frame ends the walk rather than being trusted
+      }
+      if (frame->hookId == key.id) {
+        return true;
+      }
+    }
+    return false;
+  }
+  return (guard.activeBits >> key.id) & 1U;
+}
+
+// `frame` is used only for ids of kGuardBits and above, and must live until Leave.
+inline void Enter(HookGuard& guard, GuardKey key, GuardFrame& frame) noexcept {
+  if (!key.hasId) {
+    guard.allHooksActive = true;
+  } else if (key.id >= kGuardBits) {
+    frame.hookId = key.id;
+    frame.previous = guard.frameChain;
+    frame.armed = true;
+    guard.frameChain = &frame;
+  } else {
+    guard.activeBits |= 1U << key.id;
+  }
+}
+
+// A second Leave of the same frame does nothing.
+inline void Leave(HookGuard& guard, GuardKey key, GuardFrame& frame) noexcept {
+  if (!key.hasId) {
+    guard.allHooksActive = false;
+  } else if (key.id >= kGuardBits) {
+    if (frame.armed) {
+      guard.frameChain = frame.previous;
+      frame.armed = false;
+    }
+  } else {
+    guard.activeBits &= ~(1U << key.id);
+  }
+}
+
+// Enter for the scope's lifetime; leaves also when an exception unwinds it.
+class GuardScope {
+ public:
+  GuardScope(HookGuard& guard, GuardKey key) noexcept : guard_(guard), key_(key) { Enter(guard_, key_, frame_); }
+  ~GuardScope() { Leave(guard_, key_, frame_); }
+  GuardScope(const GuardScope&) = delete;
+  GuardScope& operator=(const GuardScope&) = delete;
+
+ private:
+  HookGuard& guard_;
+  GuardKey key_;
+  GuardFrame frame_;
+};
+
+}  // namespace tessel
