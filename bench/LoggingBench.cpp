@@ -13,7 +13,7 @@ void LogWithoutLogFunction(benchmark::State& state) {
     benchmark::DoNotOptimize(value);
   }
 }
-BENCHMARK(LogWithoutLogFunction);
+BENCHMARK(LogWithoutLogFunction)->Name("LogMessage/no-log-function");
 
 void LogFormatted(benchmark::State& state) {
   tessel::logging::logFunction = [](tessel::LogLevel, std::string_view, unsigned, std::wstring_view message) {
@@ -26,6 +26,6 @@ void LogFormatted(benchmark::State& state) {
   }
   tessel::logging::logFunction = nullptr;
 }
-BENCHMARK(LogFormatted);
+BENCHMARK(LogFormatted)->Name("LogMessage/formatted");
 
 }  // namespace
