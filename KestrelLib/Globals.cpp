@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "KestrelLib/HookInfra.h"
 #include "KestrelLib/HostLogger.h"
 #include "KestrelLib/KestrelConfig.h"
 #include "libinfra/com/Bstr.h"
@@ -34,6 +35,23 @@ void Acquire(const ServiceSlot& slot, Interface*& destination) {
   }
 }
 
+// Built once and kept for the life of the process through the hook infrastructure slot.
+void CreateHookInfrastructure() {
+  com::Ptr<HookInfra> infra = com::Make<HookInfra>();
+  IUnknown* identity = nullptr;
+  const HRESULT result = infra->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(&identity));
+  if (FAILED(result)) {
+    if (result != E_NOINTERFACE) {
+      com::ThrowHResult(result);
+    }
+    return;
+  }
+  if (Globals::hookInfra != nullptr) {
+    Globals::hookInfra->Release();
+  }
+  Globals::hookInfra = identity;
+}
+
 template <typename Interface>
 void ReleaseSlot(Interface*& slot) {
   com::Required(slot)->Release();
@@ -59,6 +77,7 @@ void Globals::initialize(IServiceProvider* newRegistry) {
     Acquire({"event generator", SID_TarnHostServices}, eventGenerator);
     Acquire({"injected CP container", SID_TarnHostServices}, cpContainer);
     RetrieveModuleConfiguration();
+    CreateHookInfrastructure();
   } catch (const std::exception& error) {
     KESTREL_LOG_AT_LINE(80, Error, L"Failed to initialize globals: %S", error.what());
     // Release meets the still-empty hook infrastructure slot first and throws E_POINTER, so a

@@ -33,7 +33,7 @@ TEST(Globals, NullRegistryIsAnInvalidArgument) {
   EXPECT_EQ(Globals::registry, nullptr);
 }
 
-TEST(Globals, SuccessFillsEverySlotButTheHookInfrastructure) {
+TEST(Globals, SuccessFillsEverySlot) {
   test::FakeRegistry registry;
   ASSERT_EQ(InitializeResult(&registry), S_OK);
   EXPECT_EQ(Globals::registry, &registry);
@@ -41,6 +41,8 @@ TEST(Globals, SuccessFillsEverySlotButTheHookInfrastructure) {
   EXPECT_EQ(Globals::config, &registry.config);
   EXPECT_EQ(Globals::eventGenerator, &registry.eventGenerator);
   EXPECT_EQ(Globals::cpContainer, &registry.cpContainer);
+  EXPECT_NE(Globals::hookInfra, nullptr);
+  EXPECT_EQ(registry.connectionPoint.sink, Globals::hookInfra) << "the hook infrastructure is the subscribed sink";
   EXPECT_TRUE(tessel::logging::logFunction);
 }
 
@@ -51,9 +53,9 @@ TEST(Globals, SecondInitializeOnlyLogsThatItSkips) {
   ASSERT_EQ(InitializeResult(&second), S_OK);
   EXPECT_TRUE(second.calls.empty());
   EXPECT_EQ(second.References(), 0u);
-  EXPECT_EQ(registry.calls.size(), 5u);  // four queries and the configuration read
+  EXPECT_EQ(registry.calls.size(), 7u);  // four queries, the configuration read, the subscription
   EXPECT_EQ(registry.References(), 1u);
-  EXPECT_EQ(registry.logger.Records(),
+  EXPECT_EQ(registry.logger.RecordsFrom("Globals.cpp"),
             (std::vector<LogRecord>{{4, "Globals.cpp", 58,
                                      "Global objects have already been initialized, skipping re-initialization."}}));
 }
@@ -74,15 +76,13 @@ TEST(Globals, FailedQueryLeavesTheFilledSlotsAndEscapesAsEPointer) {
 TEST(Globals, ReleaseEmptiesEverySlotWhenAllAreFilled) {
   test::FakeRegistry registry;
   ASSERT_EQ(InitializeResult(&registry), S_OK);
-  test::FakeConnectionPoint infra{registry.calls};  // any object will do for the last slot
-  infra.AddRef();
-  Globals::hookInfra = &infra;
 
   Globals::release();
-  EXPECT_EQ(registry.logger.Records(), (std::vector<LogRecord>{{4, "Globals.cpp", 88, "Releasing global objects"}}));
-  for (const ULONG references : {infra.References(), registry.eventGenerator.References(),
-                                 registry.cpContainer.References(), registry.config.References(),
-                                 registry.logger.References(), registry.References()}) {
+  EXPECT_EQ(registry.logger.RecordsFrom("Globals.cpp"),
+            (std::vector<LogRecord>{{4, "Globals.cpp", 88, "Releasing global objects"}}));
+  EXPECT_EQ(Globals::hookInfra, nullptr);
+  for (const ULONG references : {registry.eventGenerator.References(), registry.cpContainer.References(),
+                                 registry.config.References(), registry.logger.References(), registry.References()}) {
     EXPECT_EQ(references, 0u);
   }
   EXPECT_FALSE(tessel::logging::logFunction);
@@ -92,9 +92,6 @@ TEST(Globals, ReleaseEmptiesEverySlotWhenAllAreFilled) {
 TEST(Globals, ReleaseStopsAtTheFirstEmptySlot) {
   test::FakeRegistry registry;
   ASSERT_EQ(InitializeResult(&registry), S_OK);
-  test::FakeConnectionPoint infra{registry.calls};
-  infra.AddRef();
-  Globals::hookInfra = &infra;
   registry.config.Release();
   Globals::config = nullptr;
 

@@ -15,7 +15,7 @@ class ModuleConfiguration : public ::testing::Test {
   // Runs initialisation with the given document; returns the records the host logged.
   std::vector<LogRecord> Initialize() {
     tessel::Globals::initialize(&registry_);
-    return registry_.logger.Records();
+    return registry_.logger.RecordsFrom("Globals.cpp");
   }
   test::FakeRegistry registry_;
 };
@@ -26,7 +26,8 @@ TEST_F(ModuleConfiguration, IsReadAfterTheFourServicesAndSetsTheFlag) {
   EXPECT_TRUE(tessel::IsHeapAllocatorHookEnabled());
   EXPECT_EQ(registry_.calls, (test::CallLog{"QueryService(logger)", "QueryService(config)",
                                             "QueryService(event generator)", "QueryService(injected CP container)",
-                                            "GetModuleConfiguration"}));
+                                            "GetModuleConfiguration", "FindConnectionPoint(_ITarnDllEvents)",
+                                            "Advise"}));
 }
 
 TEST_F(ModuleConfiguration, EmptyObjectLeavesTheFlagOffSilently) {
@@ -53,7 +54,7 @@ TEST_F(ModuleConfiguration, EmptyAndNullTextAreParseErrors) {
   Initialize();
   registry_.config.nullJson = true;
   tessel::RetrieveModuleConfiguration();
-  const std::vector<LogRecord> records = registry_.logger.Records();
+  const std::vector<LogRecord> records = registry_.logger.RecordsFrom("Globals.cpp");
   ASSERT_EQ(records.size(), 2u);
   for (const LogRecord& record : records) {
     EXPECT_EQ(record.line, 110u);

@@ -34,16 +34,16 @@ class Lifecycle : public ::testing::Test {
 const test::CallLog kAllFourQueries{"QueryService(logger)", "QueryService(config)", "QueryService(event generator)",
                                     "QueryService(injected CP container)"};
 
-TEST_F(Lifecycle, InitializeQueriesTheFourServicesInOrderThenReadsTheConfiguration) {
+TEST_F(Lifecycle, InitializeQueriesTheServicesReadsTheConfigurationAndSubscribes) {
   EXPECT_EQ(addon_->Initialize(&registry_), S_OK);
   test::CallLog expected = kAllFourQueries;
-  expected.push_back("GetModuleConfiguration");
+  expected.insert(expected.end(), {"GetModuleConfiguration", "FindConnectionPoint(_ITarnDllEvents)", "Advise"});
   EXPECT_EQ(registry_.calls, expected);
   EXPECT_EQ(registry_.References(), 1u);
   EXPECT_EQ(registry_.logger.References(), 1u);
   EXPECT_EQ(registry_.eventGenerator.References(), 1u);
   EXPECT_EQ(registry_.cpContainer.References(), 1u);
-  EXPECT_TRUE(registry_.logger.Records().empty());
+  EXPECT_TRUE(registry_.logger.RecordsFrom("Globals.cpp").empty());
 }
 
 TEST_F(Lifecycle, NullRegistryIsRefusedAndALaterInitializeSucceeds) {
@@ -64,7 +64,7 @@ TEST_F(Lifecycle, InitializeAfterStopReusesTheFirstServicesWithoutQuerying) {
   EXPECT_TRUE(second.calls.empty());
   EXPECT_EQ(second.References(), 0u);
   EXPECT_EQ(registry_.References(), 1u);
-  EXPECT_EQ(registry_.logger.Records(),
+  EXPECT_EQ(registry_.logger.RecordsFrom("Globals.cpp"),
             (std::vector<LogRecord>{{4, "Globals.cpp", 58,
                                      "Global objects have already been initialized, skipping re-initialization."}}));
 }

@@ -20,6 +20,16 @@ std::vector<LogRecord> RecordingLogger::Records() const {
   return records_;
 }
 
+std::vector<LogRecord> RecordingLogger::RecordsFrom(std::string_view file) const {
+  std::vector<LogRecord> matching;
+  for (LogRecord& record : Records()) {
+    if (record.file == file) {
+      matching.push_back(std::move(record));
+    }
+  }
+  return matching;
+}
+
 HRESULT FakeConfig::GetModuleConfiguration(BSTR* out) {
   calls_.push_back("GetModuleConfiguration");
   if (FAILED(result)) {

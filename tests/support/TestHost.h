@@ -28,6 +28,7 @@ class RecordingLogger final : public TestObject<_ITarnLogger> {
   HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line,
                                 const char* message) override;
   std::vector<LogRecord> Records() const;
+  std::vector<LogRecord> RecordsFrom(std::string_view file) const;
 
  private:
   mutable std::mutex mutex_;
