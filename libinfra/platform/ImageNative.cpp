@@ -119,8 +119,11 @@ std::span<const std::uint8_t> LockedVersionResource(const void* module) {
     return Fail(kResourceDataNotFound);
   }
   const auto data = pe::ReadAt<pe::ResourceDataEntry>(*dataEntry);
+  if (data.size == 0) {
+    return {};  // SizeofResource answers 0 and sets no error
+  }
   const auto bytes = image.Table(data.offsetToData, data.size, 1);
-  if (!bytes || data.size == 0) {
+  if (!bytes) {
     return Fail(kResourceDataNotFound);
   }
   return {reinterpret_cast<const std::uint8_t*>(*bytes), data.size};

@@ -82,6 +82,20 @@ HRESULT FakeConnectionPointContainer::FindConnectionPoint(REFIID iid, IConnectio
   return S_OK;
 }
 
+HRESULT FakeHookService::SetHook(const wchar_t* functionName, void** targetSlot, void* handler) {
+  requests.push_back({functionName, targetSlot, *targetSlot, handler});
+  const auto result = results.find(functionName);
+  return result == results.end() ? S_OK : result->second;
+}
+
+std::vector<std::wstring> FakeHookService::Names() const {
+  std::vector<std::wstring> names;
+  for (const Request& request : requests) {
+    names.push_back(request.name);
+  }
+  return names;
+}
+
 FakeRegistry::FakeRegistry() = default;
 
 namespace {

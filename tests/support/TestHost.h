@@ -94,6 +94,23 @@ class FakeConnectionPointContainer final : public TestObject<IConnectionPointCon
   FakeConnectionPoint& point_;
 };
 
+// The host's hook service: records every request with what the slot held at that moment, and
+// answers each function name with a chosen HRESULT (S_OK by default).
+class FakeHookService final : public TestObject<_ITarnHookService> {
+ public:
+  struct Request {
+    std::wstring name;
+    void** slot;
+    void* slotValue;
+    void* handler;
+  };
+  HRESULT STDMETHODCALLTYPE SetHook(const wchar_t* functionName, void** targetSlot, void* handler) override;
+  std::vector<std::wstring> Names() const;
+
+  std::vector<Request> requests;
+  std::map<std::wstring, HRESULT> results;
+};
+
 // The four services by the names the library's messages use.
 enum class Service { Logger, Config, EventGenerator, CpContainer };
 
