@@ -15,7 +15,7 @@ constexpr std::uint64_t kBlockTag = std::uint64_t{1} << 63;
 bool IsBlock(std::uint64_t word) { return (word & kBlockTag) != 0; }
 
 WeakControlBlock* BlockOf(std::uint64_t word) {
-  return reinterpret_cast<WeakControlBlock*>(word << 1);  // NOLINT(performance-no-int-to-ptr): the tagged word
+  return reinterpret_cast<WeakControlBlock*>(word << 1);
 }
 
 std::uint64_t WordOf(WeakControlBlock* block) { return (reinterpret_cast<std::uint64_t>(block) >> 1) | kBlockTag; }
