@@ -2,16 +2,64 @@
 // one TrapEntry in its module's list.
 #include "KestrelLib/TrapList.auto.h"
 
+#include "KestrelLib/CompressionRateLimit.h"
+#include "KestrelLib/EventPayload.h"
 #include "KestrelLib/Globals.h"
 #include "KestrelLib/HookHandler.h"
+#include "KestrelLib/PayloadSender.h"
+#include "libinfra/platform/Platform.h"
+#include "logging/LogMessage.h"
 
 namespace tessel {
 namespace {
 
 bool AlwaysAllowed() { return true; }
 
-using CompressBufferHook = Hook<0, RtlCompressBufferFunction>;
-using ProcessSnapshotHook = Hook<1, CreateToolhelp32SnapshotFunction>;
+// Successful compressions, at most one event a second.
+struct CompressBufferEvent {
+  static void Run(std::int32_t status, std::uint16_t formatAndEngine, const std::uint8_t*,
+                  std::uint32_t uncompressedSize, const std::uint8_t*, std::uint32_t compressedSize, std::uint32_t,
+                  const std::uint32_t*, const void*) {
+    if (status < 0) {
+      return;
+    }
+    const std::uint32_t now = platform::ClockMilliseconds();
+    static CompressionRateLimit limit(now);
+    if (!limit.Admit(now)) {
+      return;
+    }
+    EventPayload<kCompressBufferPayloadSize> payload(compressBufferOperation, GetProcessCreationTime());
+    payload.Append(formatAndEngine);
+    payload.Append(uncompressedSize);
+    payload.Append(compressedSize);  // the capacity offered, not the final compressed size
+    const HRESULT result = Send(payload.data(), payload.size());
+    if (AccountFor(result) == SendOutcome::Failed) {
+      KESTREL_LOG_AT_LINE(82, Error, L"Failed sending ETW event for operation RtlCompressBuffer! HRESULT: 0x%08x",
+                          result);
+    }
+  }
+};
+
+// Every snapshot whose handle is not zero: a failed call's invalid-handle value (all bits set)
+// is reported too, since the event records the attempt.
+struct ProcessSnapshotEvent {
+  static void Run(const void* handle, std::uint32_t flags, std::uint32_t processId) {
+    if (handle == nullptr) {
+      return;
+    }
+    EventPayload<kProcessSnapshotPayloadSize> payload(processSnapshotOperation, GetProcessCreationTime());
+    payload.Append(flags);
+    payload.Append(processId);
+    const HRESULT result = Send(payload.data(), payload.size());
+    if (AccountFor(result) == SendOutcome::Failed) {
+      KESTREL_LOG_AT_LINE(140, Error,
+                          L"Failed sending ETW event for operation CreateToolhelp32Snapshot! HRESULT: 0x%08x", result);
+    }
+  }
+};
+
+using CompressBufferHook = Hook<0, RtlCompressBufferFunction, CompressBufferEvent>;
+using ProcessSnapshotHook = Hook<1, CreateToolhelp32SnapshotFunction, ProcessSnapshotEvent>;
 using AllocateHeapHook = Hook<2, RtlAllocateHeapFunction>;
 using ReAllocateHeapHook = Hook<3, RtlReAllocateHeapFunction>;
 using CompactHeapHook = Hook<4, RtlCompactHeapFunction>;
@@ -38,9 +86,6 @@ TrapEntry AnyVersion(const char* functionName, TrapDescriptor& descriptor) {
 }
 
 }  // namespace
-
-const EventOperation compressBufferOperation{"RtlCompressBuffer", 1};
-const EventOperation processSnapshotOperation{"CreateToolhelp32Snapshot", 1};
 
 const std::vector<TrapEntry> ntdllTraps{
     AnyVersion("RtlCompressBuffer", compressBufferTrap), AnyVersion("RtlAllocateHeap", allocateHeapTrap),

@@ -2,7 +2,6 @@
 // The hook catalogue: the six intercepted functions, their handlers and call-through slots.
 #include <cstddef>
 #include <cstdint>
-#include <string_view>
 #include <vector>
 
 #include "KestrelLib/TrapRegistry.h"
@@ -19,14 +18,6 @@ using RtlAllocateHeapFunction = void*(void* heap, std::uint32_t flags, std::size
 using RtlReAllocateHeapFunction = void*(void* heap, std::uint32_t flags, void* base, std::size_t size);
 using RtlCompactHeapFunction = std::size_t(void* heap, std::uint32_t flags);
 using RtlFreeHeapFunction = std::uint32_t(void* heap, std::uint32_t flags, void* base);
-
-// The operation name and payload version an event of each kind carries.
-struct EventOperation {
-  std::string_view name;
-  std::uint16_t version;
-};
-extern const EventOperation compressBufferOperation;
-extern const EventOperation processSnapshotOperation;
 
 // The catalogue's per-module lists, in the order hook requests go out.
 extern const std::vector<TrapEntry> ntdllTraps;     // RtlCompressBuffer and the four heap functions

@@ -1,7 +1,14 @@
 // The Linux side of the platform seam. wchar_t is 32 bits here, so wide text is UTF-32; the
 // conversions follow the Windows rules for ill-formed input (replacement, never failure).
+#include <time.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <string>
 
 #include "libinfra/platform/ComAbi.h"
 #include "libinfra/platform/Platform.h"
@@ -12,6 +19,18 @@ namespace {
 constexpr char32_t kReplacement = 0xFFFD;
 
 thread_local DWORD lastError = 0;
+
+std::int64_t MonotonicNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+// Taken when the module is loaded, which for the native builds is process start-up.
+const std::int64_t startNanoseconds = MonotonicNanoseconds();
+
+// Seconds since 1 January 1601 at the Unix epoch.
+constexpr std::uint64_t kEpochDifferenceSeconds = 11644473600;
 
 // Decodes one scalar value at text[i], advancing i past it, or past the maximal ill-formed
 // subsequence (which becomes one U+FFFD).
@@ -77,6 +96,49 @@ std::optional<std::wstring> WideFromUtf8(std::string_view text) {
     result += static_cast<wchar_t>(DecodeUtf8(text, i));
   }
   return result;
+}
+
+// /proc/self/stat field 22 is the start time in clock ticks after boot; /proc/stat's btime is
+// the boot time in seconds since the Unix epoch.
+std::uint64_t ProcessCreationTime() {
+  std::ifstream statFile("/proc/self/stat");
+  std::string stat;
+  std::getline(statFile, stat);
+  const auto afterName = stat.rfind(')');
+  if (afterName == std::string::npos) {
+    return 0;
+  }
+  std::istringstream fields(stat.substr(afterName + 2));
+  std::string field;
+  std::uint64_t startTicks = 0;
+  for (int index = 3; index <= 22 && fields >> field; ++index) {
+    if (index == 22) {
+      startTicks = std::strtoull(field.c_str(), nullptr, 10);
+    }
+  }
+  std::ifstream systemStat("/proc/stat");
+  std::string key;
+  std::uint64_t bootSeconds = 0;
+  while (systemStat >> key) {
+    if (key == "btime") {
+      systemStat >> bootSeconds;
+      break;
+    }
+    systemStat.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+  }
+  const long ticksPerSecond = sysconf(_SC_CLK_TCK);
+  if (startTicks == 0 || bootSeconds == 0 || ticksPerSecond <= 0) {
+    return 0;
+  }
+  const std::uint64_t hundredNanoseconds =
+      (bootSeconds + kEpochDifferenceSeconds) * 10'000'000 + startTicks * (10'000'000 / ticksPerSecond);
+  return hundredNanoseconds;
+}
+
+std::uint32_t ClockMilliseconds() {
+  const std::int64_t milliseconds = (MonotonicNanoseconds() - startNanoseconds) / 1'000'000;
+  return milliseconds > std::numeric_limits<std::int32_t>::max() ? 0xFFFFFFFF
+                                                                    : static_cast<std::uint32_t>(milliseconds);
 }
 
 }  // namespace platform

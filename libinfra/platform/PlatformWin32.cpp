@@ -1,3 +1,5 @@
+#include <ctime>
+
 #include "libinfra/platform/ComAbi.h"
 #include "libinfra/platform/Platform.h"
 
@@ -24,5 +26,19 @@ std::optional<std::wstring> WideFromUtf8(std::string_view text) {
   MultiByteToWideChar(CP_UTF8, 0, text.data(), length, result.data(), units);
   return result;
 }
+
+std::uint64_t ProcessCreationTime() {
+  FILETIME creation{};
+  FILETIME exit{};
+  FILETIME kernel{};
+  FILETIME user{};
+  if (!GetProcessTimes(GetCurrentProcess(), &creation, &exit, &kernel, &user)) {
+    return 0;
+  }
+  return (std::uint64_t{creation.dwHighDateTime} << 32) | creation.dwLowDateTime;
+}
+
+// The CRT's clock() counts wall-clock time since start-up in milliseconds (CLOCKS_PER_SEC 1000).
+std::uint32_t ClockMilliseconds() { return static_cast<std::uint32_t>(std::clock()); }
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 
 #include <set>
 
+#include "KestrelLib/EventPayload.h"
 #include "KestrelLib/Globals.h"
 #include "KestrelLib/TrapList.auto.h"
 

@@ -42,7 +42,7 @@ HRESULT FakeConfig::GetModuleConfiguration(BSTR* out) {
 HRESULT FakeEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
   std::lock_guard lock(mutex_);
   events_.emplace_back(data, data + size);
-  return S_OK;
+  return result.load();
 }
 
 std::vector<std::vector<BYTE>> FakeEventGenerator::Events() const {
@@ -84,6 +84,9 @@ HRESULT FakeConnectionPointContainer::FindConnectionPoint(REFIID iid, IConnectio
 
 HRESULT FakeHookService::SetHook(const wchar_t* functionName, void** targetSlot, void* handler) {
   requests.push_back({functionName, targetSlot, *targetSlot, handler});
+  if (const auto real = realFunctions.find(functionName); real != realFunctions.end()) {
+    *targetSlot = real->second;
+  }
   const auto result = results.find(functionName);
   return result == results.end() ? S_OK : result->second;
 }

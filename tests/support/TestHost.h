@@ -54,8 +54,11 @@ class FakeConfig final : public TestObject<_ITarnConfig> {
 
 class FakeEventGenerator final : public TestObject<_ITarnEventGenerator> {
  public:
+  // Records the event, then answers `result` (0x80070008: the host dropped it).
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
   std::vector<std::vector<BYTE>> Events() const;
+
+  std::atomic<HRESULT> result{S_OK};
 
  private:
   mutable std::mutex mutex_;
@@ -109,6 +112,9 @@ class FakeHookService final : public TestObject<_ITarnHookService> {
 
   std::vector<Request> requests;
   std::map<std::wstring, HRESULT> results;
+  // What to leave in the slot, by function name, as a host's trampoline would (otherwise the
+  // resolved target stays).
+  std::map<std::wstring, void*> realFunctions;
 };
 
 // The four services by the names the library's messages use.
