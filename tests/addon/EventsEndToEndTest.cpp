@@ -1,0 +1,131 @@
+// Events end to end, as a host sees them: Initialize with the heap hooks on, the load
+// notifications of ntdll and kernel32, then calls through the handlers the hook service was
+// given (its slots hold the host's own stand-ins for the real functions). Events arrive with
+// the right bytes; none after Stop; again after a second Initialize.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+
+#include "addon/HostInterfaces.h"
+#include "libinfra/com/Ptr.h"
+#include "tests/support/AddonModule.h"
+#include "tests/support/EventBytes.h"
+#include "tests/support/SystemModules.h"
+#include "tests/support/TestHost.h"
+
+namespace {
+
+using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
+                              std::uint32_t*, void*);
+using Snapshot = void*(std::uint32_t, std::uint32_t);
+using Allocate = void*(void*, std::uint32_t, std::size_t);
+using Free = std::uint32_t(void*, std::uint32_t, void*);
+
+std::int32_t HostCompress(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
+                          std::uint32_t* finalSize, void*) {
+  *finalSize = 10;
+  SetLastError(0x7A);
+  return 0;
+}
+void* HostSnapshot(std::uint32_t, std::uint32_t) {
+  SetLastError(0x7B);
+  return reinterpret_cast<void*>(0x1234);
+}
+void* HostAllocate(void*, std::uint32_t, std::size_t size) { return std::malloc(size); }
+void* HostReAllocate(void*, std::uint32_t, void* base, std::size_t size) { return std::realloc(base, size); }
+std::size_t HostCompact(void*, std::uint32_t) { return 0; }
+std::uint32_t HostFree(void*, std::uint32_t, void* base) {
+  std::free(base);
+  return 1;
+}
+
+class EventsEndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    module_ = test::AddonModule::Load();
+    ASSERT_NE(module_.DllGetClassObject, nullptr);
+    com::Ptr<IClassFactory> factory;
+    ASSERT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory,
+                                        reinterpret_cast<void**>(factory.Put())),
+              S_OK);
+    ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
+    registry_.config.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
+    ASSERT_EQ(addon_->Initialize(&registry_), S_OK);
+    com::Ptr<_ITarnDllEvents> sink;
+    ASSERT_EQ(registry_.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink.Put())),
+              S_OK);
+    hooks_.realFunctions = {{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
+                            {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)},
+                            {L"RtlAllocateHeap", reinterpret_cast<void*>(&HostAllocate)},
+                            {L"RtlReAllocateHeap", reinterpret_cast<void*>(&HostReAllocate)},
+                            {L"RtlCompactHeap", reinterpret_cast<void*>(&HostCompact)},
+                            {L"RtlFreeHeap", reinterpret_cast<void*>(&HostFree)}};
+    IUnknown* host = static_cast<_ITarnHookService*>(&hooks_);
+    ASSERT_EQ(sink->OnModuleLoad(test::Ntdll().base, 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll", 0, host),
+              S_OK);
+    ASSERT_EQ(sink->OnModuleLoad(test::Kernel32().base, 1, L"kernel32.dll", L"C:\\Windows\\System32\\kernel32.dll", 0,
+                                 host),
+              S_OK);
+    for (const auto& request : hooks_.requests) {
+      handlers_[request.name] = request.handler;
+    }
+    ASSERT_EQ(handlers_.size(), 6u);
+  }
+
+  template <typename Function>
+  Function* Handler(const wchar_t* name) {
+    return reinterpret_cast<Function*>(handlers_.at(name));
+  }
+
+  // One call of each hooked function, each checked for the host function's result and error.
+  void CallEachOnce() {
+    std::uint32_t finalSize = 0;
+    SetLastError(1);
+    EXPECT_EQ(Handler<Compress>(L"RtlCompressBuffer")(2, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr), 0);
+    EXPECT_EQ(GetLastError(), 0x7Au);
+    EXPECT_EQ(finalSize, 10u);
+    EXPECT_EQ(Handler<Snapshot>(L"CreateToolhelp32Snapshot")(6, 4321), reinterpret_cast<void*>(0x1234));
+    EXPECT_EQ(GetLastError(), 0x7Bu);
+    void* block = Handler<Allocate>(L"RtlAllocateHeap")(nullptr, 0, 32);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(Handler<Free>(L"RtlFreeHeap")(nullptr, 0, block), 1u);
+  }
+
+  std::vector<std::vector<BYTE>> Events() const { return registry_.eventGenerator.Events(); }
+
+  test::AddonModule module_{};
+  com::Ptr<_ITarnAddon> addon_;
+  test::FakeRegistry registry_;
+  test::FakeHookService hooks_;
+  std::map<std::wstring, void*> handlers_;
+};
+
+TEST_F(EventsEndToEnd, EventsFlowUntilStopAndResumeAfterASecondInitialize) {
+  CallEachOnce();
+  const auto events = Events();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].size(), 39u);
+  EXPECT_EQ(std::vector<BYTE>(events[0].begin(), events[0].begin() + 19),
+            test::EventBytes().U16(17).Text("RtlCompressBuffer").bytes);
+  EXPECT_EQ(std::vector<BYTE>(events[0].end() - 10, events[0].end()), test::EventBytes().U16(2).U32(100).U32(120).bytes);
+  ASSERT_EQ(events[1].size(), 44u);
+  EXPECT_EQ(std::vector<BYTE>(events[1].begin(), events[1].begin() + 28),
+            test::EventBytes().U16(24).Text("CreateToolhelp32Snapshot").U16(1).bytes);
+  EXPECT_EQ(std::vector<BYTE>(events[0].begin() + 21, events[0].begin() + 29),
+            std::vector<BYTE>(events[1].begin() + 28, events[1].begin() + 36))
+      << "both carry the same process creation time";
+  EXPECT_EQ(std::vector<BYTE>(events[1].end() - 8, events[1].end()), test::EventBytes().U32(6).U32(4321).bytes);
+
+  ASSERT_EQ(addon_->Stop(), S_OK);
+  CallEachOnce();
+  EXPECT_EQ(Events().size(), 2u) << "handlers only pass through after Stop";
+
+  test::FakeRegistry unused;
+  ASSERT_EQ(addon_->Initialize(&unused), S_OK);
+  Handler<Snapshot>(L"CreateToolhelp32Snapshot")(6, 4321);
+  EXPECT_EQ(Events().size(), 3u);
+  EXPECT_TRUE(unused.calls.empty());
+}
+
+}  // namespace
