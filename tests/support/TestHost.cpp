@@ -1,6 +1,7 @@
 #include "tests/support/TestHost.h"
 
 #include <ostream>
+#include <utility>
 
 namespace test {
 
@@ -48,6 +49,12 @@ HRESULT FakeEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
 std::vector<std::vector<BYTE>> FakeEventGenerator::Events() const {
   std::lock_guard lock(mutex_);
   return events_;
+}
+
+FakeConnectionPoint::~FakeConnectionPoint() {
+  if (IUnknown* held = std::exchange(sink, nullptr)) {
+    held->Release();
+  }
 }
 
 HRESULT FakeConnectionPoint::Advise(IUnknown* newSink, DWORD* cookie) {

@@ -68,6 +68,8 @@ class FakeEventGenerator final : public TestObject<_ITarnEventGenerator> {
 class FakeConnectionPoint final : public TestObject<IConnectionPoint> {
  public:
   explicit FakeConnectionPoint(CallLog& calls) : calls_(calls) {}
+  // Gives back the sink's reference, as a host does when it shuts down.
+  ~FakeConnectionPoint();
   HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID*) override { return E_NOTIMPL_RESULT; }
   HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override {
     return E_NOTIMPL_RESULT;
