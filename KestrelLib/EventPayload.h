@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 #include <type_traits>
 
@@ -27,19 +28,23 @@ class EventPayload {
  public:
   EventPayload(const EventOperation& operation, std::uint64_t processCreationTime) noexcept {
     Append(static_cast<std::uint16_t>(operation.name.size()));
-    for (const char c : operation.name) {
-      bytes_[size_++] = static_cast<std::uint8_t>(c);
-    }
+    std::memcpy(bytes_.data() + size_, operation.name.data(), operation.name.size());
+    size_ += operation.name.size();
     Append(operation.version);
     Append(processCreationTime);
   }
 
+  // Each field is assembled in a local and copied in once: byte stores straight into the
+  // buffer could alias size_ and would reload it after every byte.
   template <typename T>
   void Append(T value) noexcept {
     static_assert(std::is_unsigned_v<T>, "fields are unsigned integers");
+    std::uint8_t little[sizeof(T)];
     for (std::size_t i = 0; i < sizeof(T); ++i) {
-      bytes_[size_++] = static_cast<std::uint8_t>(value >> (8 * i));
+      little[i] = static_cast<std::uint8_t>(value >> (8 * i));
     }
+    std::memcpy(bytes_.data() + size_, little, sizeof(T));
+    size_ += sizeof(T);
   }
 
   const std::uint8_t* data() const noexcept { return bytes_.data(); }

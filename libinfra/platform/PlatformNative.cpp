@@ -20,9 +20,11 @@ constexpr char32_t kReplacement = 0xFFFD;
 
 thread_local DWORD lastError = 0;
 
+// The coarse clock: tick granularity, like the system-time clock behind the Windows CRT's
+// clock(), at a third of the precise clock's cost on the compression handler's path.
 std::int64_t MonotonicNanoseconds() {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
