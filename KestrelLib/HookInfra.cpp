@@ -110,8 +110,8 @@ void HookInfra::Subscribe() {
   }
 }
 
-HRESULT HookInfra::OnModuleLoad(HMODULE base, std::uint32_t value, const wchar_t* name, const wchar_t* path,
-                                ULONG_PTR, IUnknown* hookHost) noexcept {
+HRESULT HookInfra::OnModuleLoad(HMODULE base, std::uint32_t value, const wchar_t* name, const wchar_t* path, ULONG_PTR,
+                                IUnknown* hookHost) noexcept {
   try {
     if (base == nullptr || value == 0 || name == nullptr || path == nullptr || hookHost == nullptr) {
       KESTREL_LOG(Error, L"Invalid arguments passed to module load callback");

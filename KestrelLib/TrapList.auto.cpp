@@ -69,8 +69,15 @@ using FreeHeapHook = Hook<5, RtlFreeHeapFunction>;
 // of its own, nothing to call on registration.
 template <typename HookRow>
 TrapDescriptor Descriptor(bool (*predicate)()) {
-  return {HookRow::kHookId,        &HookRow::slot, reinterpret_cast<void*>(&HookRow::Handler), 0, TrapState::Pending,
-          false,                   predicate,      nullptr,                                    nullptr};
+  return {HookRow::kHookId,
+          &HookRow::slot,
+          reinterpret_cast<void*>(&HookRow::Handler),
+          0,
+          TrapState::Pending,
+          false,
+          predicate,
+          nullptr,
+          nullptr};
 }
 
 TrapDescriptor compressBufferTrap = Descriptor<CompressBufferHook>(&AlwaysAllowed);

@@ -25,7 +25,7 @@ struct TrapDescriptor {
   std::uint32_t reserved;
   TrapState state;  // plain stores by the (single) notification thread
   bool evaluatePredicateAtLoad;
-  bool (*predicate)();            // null: always allowed
+  bool (*predicate)();              // null: always allowed
   void* (*resolver)(HMODULE base);  // null: find the export by name
   void (*onRegistered)();
 };

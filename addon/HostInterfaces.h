@@ -11,7 +11,8 @@ inline constexpr CLSID CLSID_KestrelAddon{0x4294C900, 0xE7B3, 0x4CDA, {0xA6, 0x7
 
 // Service ids for IServiceProvider::QueryService. Logger, event generator and the connection
 // point container share SID_TarnHostServices and are told apart by interface id.
-inline constexpr GUID SID_TarnHostServices{0x55D29215, 0xCDFA, 0x44AC, {0xA0, 0x6A, 0xCE, 0x3E, 0x68, 0x9D, 0xC0, 0x45}};
+inline constexpr GUID SID_TarnHostServices{
+    0x55D29215, 0xCDFA, 0x44AC, {0xA0, 0x6A, 0xCE, 0x3E, 0x68, 0x9D, 0xC0, 0x45}};
 inline constexpr GUID SID_TarnConfig{0x3875D49F, 0xC55D, 0x4F36, {0x97, 0x84, 0xD2, 0x76, 0x71, 0x4B, 0x4B, 0x93}};
 
 // Implemented by the add-on object; the host initialises and stops the library through it.
@@ -63,7 +64,7 @@ struct _ITarnHookService : IUnknown {
 
 namespace com {
 template <typename Interface>
-  requires requires { Interface::kIid; }
+requires requires { Interface::kIid; }
 struct InterfaceId<Interface> {
   static constexpr const GUID& value = Interface::kIid;
 };

@@ -23,7 +23,7 @@ __attribute__((noinline)) void* RealSnapshot(std::uint32_t flags, std::uint32_t 
   return reinterpret_cast<void*>(std::uintptr_t{flags} + processId + 1);
 }
 __attribute__((noinline)) std::int32_t RealCompress(std::uint16_t, std::uint8_t*, std::uint32_t size, std::uint8_t*,
-                                                     std::uint32_t, std::uint32_t, std::uint32_t*, void*) {
+                                                    std::uint32_t, std::uint32_t, std::uint32_t*, void*) {
   return static_cast<std::int32_t>(size & 0);
 }
 

@@ -25,7 +25,8 @@ void Direct(benchmark::State& state) {
   void** slot = AllocateTrap().callThroughSlot;
   for (auto _ : state) {
     // Read per call, as the handler does.
-    auto* real = reinterpret_cast<tessel::RtlAllocateHeapFunction*>(std::atomic_ref<void*>(*slot).load(std::memory_order_relaxed));
+    auto* real = reinterpret_cast<tessel::RtlAllocateHeapFunction*>(
+        std::atomic_ref<void*>(*slot).load(std::memory_order_relaxed));
     benchmark::DoNotOptimize(real(nullptr, 0, 16));
   }
 }

@@ -26,15 +26,21 @@ int main(int argc, char** argv) {
   const std::string exports = argv[1];
   const std::string versions = argv[2];
   using test::PeImageBuilder;
-  Write(exports + "/catalogue", PeImageBuilder().Export("RtlCompressBuffer").Export("RtlAllocateHeap").Export("RtlFreeHeap").Build(),
+  Write(exports + "/catalogue",
+        PeImageBuilder().Export("RtlCompressBuffer").Export("RtlAllocateHeap").Export("RtlFreeHeap").Build(),
         pe::kExportDirectoryIndex);
   Write(exports + "/forwarders",
-        PeImageBuilder().Export("A").Forward("CreateToolhelp32Snapshot", "KERNELBASE.CreateToolhelp32Snapshot").Export("Z").Build(),
+        PeImageBuilder()
+            .Export("A")
+            .Forward("CreateToolhelp32Snapshot", "KERNELBASE.CreateToolhelp32Snapshot")
+            .Export("Z")
+            .Build(),
         pe::kExportDirectoryIndex);
   Write(exports + "/single", PeImageBuilder().Export("RtlAllocateHeap").Build(), pe::kExportDirectoryIndex);
   Write(versions + "/plain", PeImageBuilder().VersionResource(test::BuildVersionBlock({})).Build(),
         pe::kResourceDirectoryIndex);
-  Write(versions + "/long-value", PeImageBuilder().VersionResource(test::BuildVersionBlock({.valueLength = 200})).Build(),
+  Write(versions + "/long-value",
+        PeImageBuilder().VersionResource(test::BuildVersionBlock({.valueLength = 200})).Build(),
         pe::kResourceDirectoryIndex);
   Write(versions + "/short-declared",
         PeImageBuilder().VersionResource(test::BuildVersionBlock({.declaredLength = 60, .trailingBytes = 16})).Build(),

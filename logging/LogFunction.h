@@ -9,7 +9,8 @@
 
 namespace tessel::logging {
 
-using LogFunction = std::function<void(LogLevel level, std::string_view file, unsigned line, std::wstring_view message)>;
+using LogFunction =
+    std::function<void(LogLevel level, std::string_view file, unsigned line, std::wstring_view message)>;
 
 // Written only while the global objects are built or released; read by every log call.
 extern LogFunction logFunction;

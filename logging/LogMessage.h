@@ -33,8 +33,8 @@ void LogMessage(LogLevel level, const char* file, std::size_t fileLength, std::u
 
 }  // namespace tessel
 
-#define KESTREL_LOG_AT_LINE(line, level, format, ...)                                                       \
-  ::tessel::LogMessage(::tessel::LogLevel::level, __FILE_NAME__, sizeof(__FILE_NAME__) - 1, line, format \
-                           __VA_OPT__(, ) __VA_ARGS__)
+#define KESTREL_LOG_AT_LINE(line, level, format, ...)                                             \
+  ::tessel::LogMessage(::tessel::LogLevel::level, __FILE_NAME__, sizeof(__FILE_NAME__) - 1, line, \
+                       format __VA_OPT__(, ) __VA_ARGS__)
 
 #define KESTREL_LOG(level, format, ...) KESTREL_LOG_AT_LINE(__LINE__, level, format __VA_OPT__(, ) __VA_ARGS__)

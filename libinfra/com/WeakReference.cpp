@@ -14,9 +14,7 @@ constexpr std::uint64_t kBlockTag = std::uint64_t{1} << 63;
 
 bool IsBlock(std::uint64_t word) { return (word & kBlockTag) != 0; }
 
-WeakControlBlock* BlockOf(std::uint64_t word) {
-  return reinterpret_cast<WeakControlBlock*>(word << 1);
-}
+WeakControlBlock* BlockOf(std::uint64_t word) { return reinterpret_cast<WeakControlBlock*>(word << 1); }
 
 std::uint64_t WordOf(WeakControlBlock* block) { return (reinterpret_cast<std::uint64_t>(block) >> 1) | kBlockTag; }
 
@@ -68,9 +66,7 @@ HRESULT WeakControlBlock::Resolve(REFIID iid, IUnknown** object) noexcept {
 
 std::uint64_t WeakControlBlock::AddStrong() noexcept { return strong_.fetch_add(1, std::memory_order_relaxed) + 1; }
 
-std::uint64_t WeakControlBlock::ReleaseStrong() noexcept {
-  return strong_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-}
+std::uint64_t WeakControlBlock::ReleaseStrong() noexcept { return strong_.fetch_sub(1, std::memory_order_acq_rel) - 1; }
 
 void WeakControlBlock::SetStrong(std::uint64_t strong) noexcept { strong_.store(strong, std::memory_order_relaxed); }
 

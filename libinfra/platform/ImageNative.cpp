@@ -22,8 +22,8 @@ const pe::NtHeaders64* NtHeaders(const void* module) {
   if (dos->magic != pe::kDosMagic || dos->newHeaderOffset <= 0) {
     return nullptr;
   }
-  const auto* headers = reinterpret_cast<const pe::NtHeaders64*>(static_cast<const std::uint8_t*>(module) +
-                                                                  dos->newHeaderOffset);
+  const auto* headers =
+      reinterpret_cast<const pe::NtHeaders64*>(static_cast<const std::uint8_t*>(module) + dos->newHeaderOffset);
   if (headers->signature != pe::kNtSignature || headers->magic != pe::kPe32PlusMagic) {
     return nullptr;
   }

@@ -1,14 +1,13 @@
 // The Linux side of the platform seam. wchar_t is 32 bits here, so wide text is UTF-32; the
 // conversions follow the Windows rules for ill-formed input (replacement, never failure).
-#include <time.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
 #include <sstream>
 #include <string>
+#include <time.h>
+#include <unistd.h>
 
 #include "libinfra/platform/ComAbi.h"
 #include "libinfra/platform/Platform.h"
@@ -140,7 +139,7 @@ std::uint64_t ProcessCreationTime() {
 std::uint32_t ClockMilliseconds() {
   const std::int64_t milliseconds = (MonotonicNanoseconds() - startNanoseconds) / 1'000'000;
   return milliseconds > std::numeric_limits<std::int32_t>::max() ? 0xFFFFFFFF
-                                                                    : static_cast<std::uint32_t>(milliseconds);
+                                                                 : static_cast<std::uint32_t>(milliseconds);
 }
 
 }  // namespace platform

@@ -48,8 +48,8 @@ nt::Status BuildExportDirectoryView(const void* module, ExportDirectoryView& vie
   }
   view.directory = reinterpret_cast<std::uintptr_t>(directory);
   // The loader hands the directory over unchecked; it must be inside the image to be read.
-  if (view.directory < view.base || !image.Table(static_cast<std::uint32_t>(view.directory - view.base), 1,
-                                                 sizeof(ExportDirectory))) {
+  if (view.directory < view.base ||
+      !image.Table(static_cast<std::uint32_t>(view.directory - view.base), 1, sizeof(ExportDirectory))) {
     return nt::kInvalidImageFormat;
   }
   const auto header = ReadAt<ExportDirectory>(view.directory);
@@ -117,7 +117,8 @@ nt::Status FindExport(const void* module, const char* name, const void** address
     return nt::kProcedureNotFound;
   }
 
-  const ExportTarget target = TargetOf(view, image, ReadAt<std::uint16_t>(view.ordinalTable + std::uintptr_t{first} * 2));
+  const ExportTarget target =
+      TargetOf(view, image, ReadAt<std::uint16_t>(view.ordinalTable + std::uintptr_t{first} * 2));
   if (target.status != nt::kSuccess) {
     return target.status;
   }

@@ -50,7 +50,8 @@ class Events : public ::testing::Test {
   std::vector<test::LogRecord> RecordsFrom(std::string_view file) const { return registry_.logger.RecordsFrom(file); }
 
   test::FakeRegistry registry_;
-  tessel::RtlCompressBufferFunction* compress_ = test::HandlerOf<tessel::RtlCompressBufferFunction>("RtlCompressBuffer");
+  tessel::RtlCompressBufferFunction* compress_ =
+      test::HandlerOf<tessel::RtlCompressBufferFunction>("RtlCompressBuffer");
   tessel::CreateToolhelp32SnapshotFunction* snapshot_ =
       test::HandlerOf<tessel::CreateToolhelp32SnapshotFunction>("CreateToolhelp32Snapshot");
 };
@@ -165,13 +166,14 @@ TEST_F(Events, FailedSendsAreLoggedWithTheOperationsLine) {
   Compress();
   snapshot_(1, 1);
   snapshot_(1, 1);
-  EXPECT_EQ(RecordsFrom("TrapList.auto.cpp"),
-            (std::vector<test::LogRecord>{
-                {2, "TrapList.auto.cpp", 82, "Failed sending ETW event for operation RtlCompressBuffer! HRESULT: 0x80004005"},
-                {2, "TrapList.auto.cpp", 140,
-                 "Failed sending ETW event for operation CreateToolhelp32Snapshot! HRESULT: 0x80004005"},
-                {2, "TrapList.auto.cpp", 140,
-                 "Failed sending ETW event for operation CreateToolhelp32Snapshot! HRESULT: 0x80004005"}}));
+  EXPECT_EQ(
+      RecordsFrom("TrapList.auto.cpp"),
+      (std::vector<test::LogRecord>{
+          {2, "TrapList.auto.cpp", 82, "Failed sending ETW event for operation RtlCompressBuffer! HRESULT: 0x80004005"},
+          {2, "TrapList.auto.cpp", 140,
+           "Failed sending ETW event for operation CreateToolhelp32Snapshot! HRESULT: 0x80004005"},
+          {2, "TrapList.auto.cpp", 140,
+           "Failed sending ETW event for operation CreateToolhelp32Snapshot! HRESULT: 0x80004005"}}));
   EXPECT_EQ(tessel::lostEventsCount.load(), 0);
 }
 

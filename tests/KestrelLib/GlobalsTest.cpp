@@ -56,8 +56,8 @@ TEST(Globals, SecondInitializeOnlyLogsThatItSkips) {
   EXPECT_EQ(registry.calls.size(), 7u);  // four queries, the configuration read, the subscription
   EXPECT_EQ(registry.References(), 1u);
   EXPECT_EQ(registry.logger.RecordsFrom("Globals.cpp"),
-            (std::vector<LogRecord>{{4, "Globals.cpp", 58,
-                                     "Global objects have already been initialized, skipping re-initialization."}}));
+            (std::vector<LogRecord>{
+                {4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}}));
 }
 
 TEST(Globals, FailedQueryLeavesTheFilledSlotsAndEscapesAsEPointer) {

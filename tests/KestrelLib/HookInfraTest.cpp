@@ -39,7 +39,8 @@ test::PeImage Kernel32Image() {
 
 std::string Hex(const void* address) {
   char text[32];
-  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)));
+  std::snprintf(text, sizeof text, "0x%llx",
+                static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)));
   return text;
 }
 
@@ -61,7 +62,9 @@ class HookInfraTest : public ::testing::Test {
   HRESULT Unload(const test::PeImage& image, const wchar_t* name) {
     return sink_->OnModuleUnload(ModuleOf(image), 1, name, L"C:\\Windows\\System32\\module.dll");
   }
-  static HMODULE ModuleOf(const test::PeImage& image) { return reinterpret_cast<HMODULE>(const_cast<void*>(image.base())); }
+  static HMODULE ModuleOf(const test::PeImage& image) {
+    return reinterpret_cast<HMODULE>(const_cast<void*>(image.base()));
+  }
 
   std::vector<Entry> HookInfraRecords() const {
     std::vector<Entry> entries;
@@ -82,11 +85,11 @@ class HookInfraTest : public ::testing::Test {
 
 TEST_F(HookInfraTest, HeapTrapsAreDisabledAtConstructionUnlessConfigured) {
   Initialize(false);
-  EXPECT_EQ(HookInfraRecords(), (std::vector<Entry>{
-                                    {4, "Disabling hook for ntdll.RtlAllocateHeap due to predicate exclusion"},
-                                    {4, "Disabling hook for ntdll.RtlReAllocateHeap due to predicate exclusion"},
-                                    {4, "Disabling hook for ntdll.RtlCompactHeap due to predicate exclusion"},
-                                    {4, "Disabling hook for ntdll.RtlFreeHeap due to predicate exclusion"}}));
+  EXPECT_EQ(HookInfraRecords(),
+            (std::vector<Entry>{{4, "Disabling hook for ntdll.RtlAllocateHeap due to predicate exclusion"},
+                                {4, "Disabling hook for ntdll.RtlReAllocateHeap due to predicate exclusion"},
+                                {4, "Disabling hook for ntdll.RtlCompactHeap due to predicate exclusion"},
+                                {4, "Disabling hook for ntdll.RtlFreeHeap due to predicate exclusion"}}));
   for (const char* heap : {"RtlAllocateHeap", "RtlReAllocateHeap", "RtlCompactHeap", "RtlFreeHeap"}) {
     EXPECT_EQ(StateOf(heap), TrapState::Disabled) << heap;
   }
@@ -103,16 +106,15 @@ TEST_F(HookInfraTest, NtdllLoadWithoutHeapHooksRequestsTheCompressionHookOnly) {
       << "the slot holds the resolved target when SetHook is called";
   EXPECT_EQ(hooks_.requests[0].handler, trap.handler);
   EXPECT_EQ(trap.state, TrapState::Applied);
-  EXPECT_EQ(HookInfraRecords().back(),
-            (Entry{5, "Requesting hook on API ntdll.dll!RtlCompressBuffer at address " +
-                          Hex(ntdll_.Address(PeImageBuilder::CodeRva(0)))}));
+  EXPECT_EQ(HookInfraRecords().back(), (Entry{5, "Requesting hook on API ntdll.dll!RtlCompressBuffer at address " +
+                                                     Hex(ntdll_.Address(PeImageBuilder::CodeRva(0)))}));
 }
 
 TEST_F(HookInfraTest, NtdllLoadWithHeapHooksRequestsAllFiveInCatalogueOrder) {
   Initialize(true);
   EXPECT_EQ(Load(ntdll_, L"ntdll.dll"), S_OK);
   EXPECT_EQ(hooks_.Names(), (std::vector<std::wstring>{L"RtlCompressBuffer", L"RtlAllocateHeap", L"RtlReAllocateHeap",
-                                                        L"RtlCompactHeap", L"RtlFreeHeap"}));
+                                                       L"RtlCompactHeap", L"RtlFreeHeap"}));
   for (std::size_t i = 0; i < hooks_.requests.size(); ++i) {
     EXPECT_EQ(hooks_.requests[i].slotValue, ntdll_.Address(PeImageBuilder::CodeRva(i)));
   }
@@ -146,10 +148,10 @@ TEST_F(HookInfraTest, SetHookResultsDecideTheState) {
   EXPECT_EQ(StateOf("RtlCompactHeap"), TrapState::Pending);
   EXPECT_EQ(StateOf("RtlFreeHeap"), TrapState::Applied);
   const std::vector<Entry> records = HookInfraRecords();
-  for (const Entry& expected : std::vector<Entry>{
-           {4, "Hook on API ntdll.dll!RtlAllocateHeap was excluded due to policy restrictions"},
-           {2, "Failed to set hook on API ntdll.dll!RtlReAllocateHeap: Error 0x00000001"},
-           {2, "Failed to set hook on API ntdll.dll!RtlCompactHeap: Error 0x80004005"}}) {
+  for (const Entry& expected :
+       std::vector<Entry>{{4, "Hook on API ntdll.dll!RtlAllocateHeap was excluded due to policy restrictions"},
+                          {2, "Failed to set hook on API ntdll.dll!RtlReAllocateHeap: Error 0x00000001"},
+                          {2, "Failed to set hook on API ntdll.dll!RtlCompactHeap: Error 0x80004005"}}) {
     EXPECT_NE(std::find(records.begin(), records.end(), expected), records.end()) << expected.second;
   }
 
@@ -159,8 +161,9 @@ TEST_F(HookInfraTest, SetHookResultsDecideTheState) {
   EXPECT_EQ(Load(ntdll_, L"ntdll.dll"), S_OK);
   EXPECT_EQ(hooks_.Names(), (std::vector<std::wstring>{L"RtlReAllocateHeap", L"RtlCompactHeap"}));
   const std::vector<Entry> again = HookInfraRecords();
-  EXPECT_NE(std::find(again.begin(), again.end(), Entry{4, "Not hooking ntdll.dll!RtlCompressBuffer as it's already hooked"}),
-            again.end());
+  EXPECT_NE(
+      std::find(again.begin(), again.end(), Entry{4, "Not hooking ntdll.dll!RtlCompressBuffer as it's already hooked"}),
+      again.end());
 }
 
 TEST_F(HookInfraTest, UnloadReturnsAppliedTrapsToPendingAndReloadRequestsThemAgain) {
@@ -179,8 +182,8 @@ TEST_F(HookInfraTest, UnloadReturnsAppliedTrapsToPendingAndReloadRequestsThemAga
   hooks_.requests.clear();
   hooks_.results.clear();
   EXPECT_EQ(Load(ntdll_, L"ntdll.dll"), S_OK);
-  EXPECT_EQ(hooks_.Names(), (std::vector<std::wstring>{L"RtlCompressBuffer", L"RtlReAllocateHeap", L"RtlCompactHeap",
-                                                        L"RtlFreeHeap"}))
+  EXPECT_EQ(hooks_.Names(),
+            (std::vector<std::wstring>{L"RtlCompressBuffer", L"RtlReAllocateHeap", L"RtlCompactHeap", L"RtlFreeHeap"}))
       << "the policy-excluded trap is never requested again";
 }
 
@@ -192,7 +195,8 @@ TEST_F(HookInfraTest, ModuleWithoutVersionResourceIsHookedWithAWarningPerTrap) {
   const std::vector<Entry> records = HookInfraRecords();
   EXPECT_EQ(std::count(records.begin(), records.end(),
                        Entry{3, "Failed extracting version of C:\\Windows\\System32\\module.dll"}),
-            1) << "one warning for the one trap that is not disabled";
+            1)
+      << "one warning for the one trap that is not disabled";
 }
 
 TEST_F(HookInfraTest, TrapsOutsideTheirVersionRangesAreNotHooked) {
@@ -204,8 +208,9 @@ TEST_F(HookInfraTest, TrapsOutsideTheirVersionRangesAreNotHooked) {
     entry.includeVersions = include;
     entry.excludeVersions = exclude;
     EXPECT_EQ(Load(ntdll_, L"ntdll.dll"), S_OK);
-    EXPECT_EQ(HookInfraRecords().back(),
-              (Entry{4, "Not hooking ntdll.dll!RtlCompressBuffer as its version doesn't match. Loaded Dll version: 22621"}));
+    EXPECT_EQ(
+        HookInfraRecords().back(),
+        (Entry{4, "Not hooking ntdll.dll!RtlCompressBuffer as its version doesn't match. Loaded Dll version: 22621"}));
   }
   EXPECT_TRUE(hooks_.requests.empty());
   EXPECT_EQ(StateOf("RtlCompressBuffer"), TrapState::Pending);
@@ -222,8 +227,9 @@ TEST_F(HookInfraTest, ForwardedAndMissingExportsAreNotHooked) {
   EXPECT_EQ(hooks_.Names(), std::vector<std::wstring>{L"RtlAllocateHeap"});
   const std::vector<Entry> records = HookInfraRecords();
   for (const Entry& expected : std::vector<Entry>{
-           {2, "API ntdll.dll!RtlCompressBuffer is forwarded to NTDLL2.RtlCompressBuffer, and hence not currently "
-               "supported for hooking"},
+           {2,
+            "API ntdll.dll!RtlCompressBuffer is forwarded to NTDLL2.RtlCompressBuffer, and hence not currently "
+            "supported for hooking"},
            {2, "Failed to resolve address of API ntdll.dll!RtlCompressBuffer"},
            {5, "Failed getting the address of target API ntdll.dll!RtlFreeHeap: NTSTATUS error code 0xc000007a"},
            {2, "Failed to resolve address of API ntdll.dll!RtlFreeHeap"}}) {
@@ -282,7 +288,8 @@ TEST_F(HookInfraTest, SubscriptionFailuresAreLoggedAndTolerated) {
   tessel::Globals::initialize(&registry_);
   EXPECT_NE(tessel::Globals::hookInfra, nullptr);
   const std::vector<Entry> records = HookInfraRecords();
-  EXPECT_EQ(records.back(), (Entry{2, "Failed to find connection point for module load notifications: Error 0x80004005"}));
+  EXPECT_EQ(records.back(),
+            (Entry{2, "Failed to find connection point for module load notifications: Error 0x80004005"}));
   EXPECT_EQ(std::count(registry_.calls.begin(), registry_.calls.end(), "Advise"), 0);
 
   registry_.cpContainer.findResult = S_OK;

@@ -30,7 +30,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Decoded{L"{\"flags\":{\"hookHeapAllocator\":18446744073709551615}}", true},
                       Decoded{L"{\"Flags\":{\"hookHeapAllocator\":true}}", false},
                       Decoded{L"{\"flags\":{\"HookHeapAllocator\":true}}", false},
-                      Decoded{L" \r\n\t{\"other\":[1,{}],\"flags\":{\"x\":null,\"hookHeapAllocator\":true}} \n", true}));
+                      Decoded{L" \r\n\t{\"other\":[1,{}],\"flags\":{\"x\":null,\"hookHeapAllocator\":true}} \n",
+                              true}));
 
 struct Refused {
   const wchar_t* json;
@@ -50,19 +51,20 @@ TEST_P(ConfigRefuses, WithTheLibrarysMessage) {
 
 INSTANTIATE_TEST_SUITE_P(
     Documents, ConfigRefuses,
-    ::testing::Values(
-        Refused{L"[]", "Not a tessel::KestrelConfig"}, Refused{L"\"x\"", "Not a tessel::KestrelConfig"},
-        Refused{L"7", "Not a tessel::KestrelConfig"}, Refused{L"{\"flags\":true}", "Not a tessel::HookFlags"},
-        Refused{L"{\"flags\":[]}", "Not a tessel::HookFlags"},
-        Refused{L"{\"flags\":{\"hookHeapAllocator\":\"true\"}}", "Not a bool"},
-        Refused{L"{\"flags\":{\"hookHeapAllocator\":1.0}}", "Not a bool"},
-        Refused{L"{\"flags\":{\"hookHeapAllocator\":null}}", "Not a bool"},
-        Refused{L"{\"flags\":{\"hookHeapAllocator\":[true]}}", "Not a bool"},
-        Refused{L"{\"flags\":{\"hookHeapAllocator\":{}}}", "Not a bool"},
-        Refused{L"", "[json.exception.parse_error.101] parse error at line 1, column 1"},
-        Refused{L"{} x", "[json.exception.parse_error.101] parse error at line 1, column 4"},
-        Refused{L"{}{}", "[json.exception.parse_error.101] parse error at line 1, column 3"},
-        Refused{L"{\n \"flags\": tru }", "[json.exception.parse_error.101] parse error at line 2, column 14"}));
+    ::testing::Values(Refused{L"[]", "Not a tessel::KestrelConfig"}, Refused{L"\"x\"", "Not a tessel::KestrelConfig"},
+                      Refused{L"7", "Not a tessel::KestrelConfig"},
+                      Refused{L"{\"flags\":true}", "Not a tessel::HookFlags"},
+                      Refused{L"{\"flags\":[]}", "Not a tessel::HookFlags"},
+                      Refused{L"{\"flags\":{\"hookHeapAllocator\":\"true\"}}", "Not a bool"},
+                      Refused{L"{\"flags\":{\"hookHeapAllocator\":1.0}}", "Not a bool"},
+                      Refused{L"{\"flags\":{\"hookHeapAllocator\":null}}", "Not a bool"},
+                      Refused{L"{\"flags\":{\"hookHeapAllocator\":[true]}}", "Not a bool"},
+                      Refused{L"{\"flags\":{\"hookHeapAllocator\":{}}}", "Not a bool"},
+                      Refused{L"", "[json.exception.parse_error.101] parse error at line 1, column 1"},
+                      Refused{L"{} x", "[json.exception.parse_error.101] parse error at line 1, column 4"},
+                      Refused{L"{}{}", "[json.exception.parse_error.101] parse error at line 1, column 3"},
+                      Refused{L"{\n \"flags\": tru }",
+                              "[json.exception.parse_error.101] parse error at line 2, column 14"}));
 
 // A lone surrogate is ill-formed text, wherever it stands: refused, with its position.
 TEST(ConfigText, IllFormedUtf16IsAParseError) {

@@ -46,7 +46,7 @@ class LostEvents : public ::testing::Test {
 TEST_F(LostEvents, TheFirstAndEveryThousandthAreLoggedAndBothKindsShareTheCount) {
   std::uint32_t finalSize = 0;
   test::HandlerOf<tessel::RtlCompressBufferFunction>("RtlCompressBuffer")(2, nullptr, 1, nullptr, 1, 1, &finalSize,
-                                                                           nullptr);
+                                                                          nullptr);
   for (int i = 2; i <= 2001; ++i) {
     snapshot_(1, 1);
   }
@@ -82,8 +82,9 @@ TEST_F(LostEvents, ConcurrentLossesAreCountedExactlyAndEachThresholdIsLoggedOnce
   }
   EXPECT_EQ(tessel::lostEventsCount.load(), kThreads * kPerThread);
   auto records = registry_.logger.RecordsFrom("PayloadSender.cpp");
-  std::sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.text.size() < b.text.size() ||
-                                                                                       (a.text.size() == b.text.size() && a.text < b.text); });
+  std::sort(records.begin(), records.end(), [](const auto& a, const auto& b) {
+    return a.text.size() < b.text.size() || (a.text.size() == b.text.size() && a.text < b.text);
+  });
   EXPECT_EQ(records, (std::vector<test::LogRecord>{LostRecord(1), LostRecord(1000), LostRecord(2000), LostRecord(3000),
                                                    LostRecord(4000), LostRecord(5000)}));
 }

@@ -24,10 +24,10 @@ TEST_F(ModuleConfiguration, IsReadAfterTheFourServicesAndSetsTheFlag) {
   registry_.config.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
   EXPECT_TRUE(Initialize().empty());
   EXPECT_TRUE(tessel::IsHeapAllocatorHookEnabled());
-  EXPECT_EQ(registry_.calls, (test::CallLog{"QueryService(logger)", "QueryService(config)",
-                                            "QueryService(event generator)", "QueryService(injected CP container)",
-                                            "GetModuleConfiguration", "FindConnectionPoint(_ITarnDllEvents)",
-                                            "Advise"}));
+  EXPECT_EQ(registry_.calls,
+            (test::CallLog{"QueryService(logger)", "QueryService(config)", "QueryService(event generator)",
+                           "QueryService(injected CP container)", "GetModuleConfiguration",
+                           "FindConnectionPoint(_ITarnDllEvents)", "Advise"}));
 }
 
 TEST_F(ModuleConfiguration, EmptyObjectLeavesTheFlagOffSilently) {
@@ -37,8 +37,9 @@ TEST_F(ModuleConfiguration, EmptyObjectLeavesTheFlagOffSilently) {
 
 TEST_F(ModuleConfiguration, FailingServiceIsLoggedWithItsHResult) {
   registry_.config.result = E_FAIL;
-  EXPECT_EQ(Initialize(), (std::vector<LogRecord>{
-                              {2, "Globals.cpp", 103, "Failed to retrieve module configuration: HRESULT 0x80004005"}}));
+  EXPECT_EQ(
+      Initialize(),
+      (std::vector<LogRecord>{{2, "Globals.cpp", 103, "Failed to retrieve module configuration: HRESULT 0x80004005"}}));
   EXPECT_FALSE(tessel::IsHeapAllocatorHookEnabled());
 }
 

@@ -19,9 +19,9 @@ struct Row {
   bool heap;
 };
 
-const Row kRows[] = {{"ntdll", 0, "RtlCompressBuffer", 0, false},   {"kernel32", 0, "CreateToolhelp32Snapshot", 1, false},
-                     {"ntdll", 1, "RtlAllocateHeap", 2, true},      {"ntdll", 2, "RtlReAllocateHeap", 3, true},
-                     {"ntdll", 3, "RtlCompactHeap", 4, true},       {"ntdll", 4, "RtlFreeHeap", 5, true}};
+const Row kRows[] = {{"ntdll", 0, "RtlCompressBuffer", 0, false}, {"kernel32", 0, "CreateToolhelp32Snapshot", 1, false},
+                     {"ntdll", 1, "RtlAllocateHeap", 2, true},    {"ntdll", 2, "RtlReAllocateHeap", 3, true},
+                     {"ntdll", 3, "RtlCompactHeap", 4, true},     {"ntdll", 4, "RtlFreeHeap", 5, true}};
 
 const TrapEntry& EntryOf(const Row& row) {
   const auto& list = std::string(row.module) == "ntdll" ? tessel::ntdllTraps : tessel::kernel32Traps;

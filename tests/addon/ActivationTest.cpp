@@ -21,9 +21,9 @@ class Activation : public ::testing::Test {
 
   com::Ptr<IClassFactory> Factory() {
     com::Ptr<IClassFactory> factory;
-    EXPECT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory,
-                                        reinterpret_cast<void**>(factory.Put())),
-              S_OK);
+    EXPECT_EQ(
+        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
+        S_OK);
     return factory;
   }
 

@@ -46,15 +46,16 @@ class EventsEndToEnd : public ::testing::Test {
     module_ = test::AddonModule::Load();
     ASSERT_NE(module_.DllGetClassObject, nullptr);
     com::Ptr<IClassFactory> factory;
-    ASSERT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory,
-                                        reinterpret_cast<void**>(factory.Put())),
-              S_OK);
+    ASSERT_EQ(
+        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
+        S_OK);
     ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
     registry_.config.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
     ASSERT_EQ(addon_->Initialize(&registry_), S_OK);
     com::Ptr<_ITarnDllEvents> sink;
-    ASSERT_EQ(registry_.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink.Put())),
-              S_OK);
+    ASSERT_EQ(
+        registry_.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink.Put())),
+        S_OK);
     hooks_.realFunctions = {{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
                             {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)},
                             {L"RtlAllocateHeap", reinterpret_cast<void*>(&HostAllocate)},
@@ -64,9 +65,9 @@ class EventsEndToEnd : public ::testing::Test {
     IUnknown* host = static_cast<_ITarnHookService*>(&hooks_);
     ASSERT_EQ(sink->OnModuleLoad(test::Ntdll().base, 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll", 0, host),
               S_OK);
-    ASSERT_EQ(sink->OnModuleLoad(test::Kernel32().base, 1, L"kernel32.dll", L"C:\\Windows\\System32\\kernel32.dll", 0,
-                                 host),
-              S_OK);
+    ASSERT_EQ(
+        sink->OnModuleLoad(test::Kernel32().base, 1, L"kernel32.dll", L"C:\\Windows\\System32\\kernel32.dll", 0, host),
+        S_OK);
     for (const auto& request : hooks_.requests) {
       handlers_[request.name] = request.handler;
     }
@@ -108,7 +109,8 @@ TEST_F(EventsEndToEnd, EventsFlowUntilStopAndResumeAfterASecondInitialize) {
   EXPECT_EQ(events[0].size(), 39u);
   EXPECT_EQ(std::vector<BYTE>(events[0].begin(), events[0].begin() + 19),
             test::EventBytes().U16(17).Text("RtlCompressBuffer").bytes);
-  EXPECT_EQ(std::vector<BYTE>(events[0].end() - 10, events[0].end()), test::EventBytes().U16(2).U32(100).U32(120).bytes);
+  EXPECT_EQ(std::vector<BYTE>(events[0].end() - 10, events[0].end()),
+            test::EventBytes().U16(2).U32(100).U32(120).bytes);
   ASSERT_EQ(events[1].size(), 44u);
   EXPECT_EQ(std::vector<BYTE>(events[1].begin(), events[1].begin() + 28),
             test::EventBytes().U16(24).Text("CreateToolhelp32Snapshot").U16(1).bytes);

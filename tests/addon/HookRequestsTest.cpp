@@ -22,24 +22,25 @@ class HookRequests : public ::testing::Test {
     module_ = test::AddonModule::Load();
     ASSERT_NE(module_.DllGetClassObject, nullptr);
     com::Ptr<IClassFactory> factory;
-    ASSERT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory,
-                                        reinterpret_cast<void**>(factory.Put())),
-              S_OK);
+    ASSERT_EQ(
+        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
+        S_OK);
     ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
     registry_.config.json = json;
     ASSERT_EQ(addon_->Initialize(&registry_), S_OK);
     ASSERT_NE(registry_.connectionPoint.sink, nullptr) << "the add-on subscribes to module notifications";
-    ASSERT_EQ(registry_.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink_.Put())),
-              S_OK);
+    ASSERT_EQ(
+        registry_.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink_.Put())),
+        S_OK);
   }
 
   void LoadSystemModules() {
     IUnknown* host = static_cast<_ITarnHookService*>(&hooks_);
     EXPECT_EQ(sink_->OnModuleLoad(test::Ntdll().base, 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll", 0, host),
               S_OK);
-    EXPECT_EQ(sink_->OnModuleLoad(test::Kernel32().base, 1, L"KERNEL32.DLL", L"C:\\Windows\\System32\\kernel32.dll",
-                                  0, host),
-              S_OK);
+    EXPECT_EQ(
+        sink_->OnModuleLoad(test::Kernel32().base, 1, L"KERNEL32.DLL", L"C:\\Windows\\System32\\kernel32.dll", 0, host),
+        S_OK);
   }
 
   void ExpectRequests(const std::vector<Expected>& expected) {

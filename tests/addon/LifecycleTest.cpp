@@ -20,9 +20,9 @@ class Lifecycle : public ::testing::Test {
     module_ = test::AddonModule::Load();
     ASSERT_NE(module_.DllGetClassObject, nullptr);
     com::Ptr<IClassFactory> factory;
-    ASSERT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory,
-                                        reinterpret_cast<void**>(factory.Put())),
-              S_OK);
+    ASSERT_EQ(
+        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
+        S_OK);
     ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
   }
 
@@ -65,8 +65,8 @@ TEST_F(Lifecycle, InitializeAfterStopReusesTheFirstServicesWithoutQuerying) {
   EXPECT_EQ(second.References(), 0u);
   EXPECT_EQ(registry_.References(), 1u);
   EXPECT_EQ(registry_.logger.RecordsFrom("Globals.cpp"),
-            (std::vector<LogRecord>{{4, "Globals.cpp", 58,
-                                     "Global objects have already been initialized, skipping re-initialization."}}));
+            (std::vector<LogRecord>{
+                {4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}}));
 }
 
 TEST_F(Lifecycle, FailedLoggerQueryFailsSilentlyAndKeepsTheRegistry) {
@@ -90,12 +90,12 @@ TEST_P(LaterServiceFails, InitializeFailsAfterLoggingAndKeepsWhatItAcquired) {
   registry_.Fail(failure.service, E_FAIL);
   EXPECT_EQ(addon_->Initialize(&registry_), E_FAIL);
   EXPECT_EQ(registry_.calls, test::CallLog(kAllFourQueries.begin(), kAllFourQueries.begin() + failure.queries));
-  EXPECT_EQ(registry_.logger.Records(),
-            (std::vector<LogRecord>{
-                {2, "Globals.cpp", 80,
-                 std::string("Failed to initialize globals: Failed to query the COM interface for the ") + failure.name +
-                     " object"},
-                {4, "Globals.cpp", 88, "Releasing global objects"}}));
+  EXPECT_EQ(
+      registry_.logger.Records(),
+      (std::vector<LogRecord>{{2, "Globals.cpp", 80,
+                               std::string("Failed to initialize globals: Failed to query the COM interface for the ") +
+                                   failure.name + " object"},
+                              {4, "Globals.cpp", 88, "Releasing global objects"}}));
   EXPECT_EQ(registry_.References(), 1u);
   EXPECT_EQ(registry_.logger.References(), 1u);
 
@@ -103,9 +103,9 @@ TEST_P(LaterServiceFails, InitializeFailsAfterLoggingAndKeepsWhatItAcquired) {
   test::FakeRegistry second;
   EXPECT_EQ(addon_->Initialize(&second), S_OK);
   EXPECT_TRUE(second.calls.empty());
-  EXPECT_EQ(registry_.logger.Records().back(),
-            (LogRecord{4, "Globals.cpp", 58,
-                       "Global objects have already been initialized, skipping re-initialization."}));
+  EXPECT_EQ(
+      registry_.logger.Records().back(),
+      (LogRecord{4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachService, LaterServiceFails,

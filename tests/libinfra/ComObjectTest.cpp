@@ -50,7 +50,8 @@ TEST(ComObject, QueryInterfaceAnswersTheDeclaredInterfacesWithOneIdentity) {
     answerIdentity->Release();
     answer->Release();
   }
-  for (const GUID& iid : {com::kIidIClassFactory, com::kIidIWeakReference, test::kIidIAgileObject, test::kIidIMarshal}) {
+  for (const GUID& iid :
+       {com::kIidIClassFactory, com::kIidIWeakReference, test::kIidIAgileObject, test::kIidIMarshal}) {
     void* answer = &destroyed;
     EXPECT_EQ(widget->QueryInterface(iid, &answer), E_NOINTERFACE);
     EXPECT_EQ(answer, nullptr);

@@ -100,7 +100,9 @@ TEST_P(ExportResolverCorruption, GivesItsStatusAndNullOutputs) {
   EXPECT_EQ(found.forward, nullptr);
 }
 
-std::uint32_t Field(const PeImage& image, std::uint32_t offset) { return image.Read<std::uint32_t>(image.ExportField(offset)); }
+std::uint32_t Field(const PeImage& image, std::uint32_t offset) {
+  return image.Read<std::uint32_t>(image.ExportField(offset));
+}
 
 const std::uint32_t kFunctions = 28;
 const std::uint32_t kNames = 32;
@@ -111,9 +113,8 @@ const std::uint32_t kNumberOfNames = 24;
 INSTANTIATE_TEST_SUITE_P(
     OneField, ExportResolverCorruption,
     ::testing::Values(
-        Corruption{"function table RVA 0",
-                   [](PeImage& i) { i.Write<std::uint32_t>(i.ExportField(kFunctions), 0); }, "Alpha",
-                   nt::kNoExportTable},
+        Corruption{"function table RVA 0", [](PeImage& i) { i.Write<std::uint32_t>(i.ExportField(kFunctions), 0); },
+                   "Alpha", nt::kNoExportTable},
         Corruption{"function table ends exactly at the image end",
                    [](PeImage& i) {
                      i.Write<std::uint32_t>(i.ExportField(kNumberOfFunctions), (i.size() - Field(i, kFunctions)) / 4);
@@ -141,8 +142,7 @@ INSTANTIATE_TEST_SUITE_P(
                    [](PeImage& i) { i.Write<std::uint32_t>(i.nameTable + 12, i.size()); }, "Zulu",
                    nt::kInvalidImageFormat},
         Corruption{"function index not below the function count",
-                   [](PeImage& i) { i.Write<std::uint16_t>(i.ordinalTable + 0, 4); }, "Alpha",
-                   nt::kProcedureNotFound},
+                   [](PeImage& i) { i.Write<std::uint16_t>(i.ordinalTable + 0, 4); }, "Alpha", nt::kProcedureNotFound},
         Corruption{"function RVA outside the image",
                    [](PeImage& i) { i.Write<std::uint32_t>(i.functionTable + 0, i.size()); }, "Alpha",
                    nt::kInvalidImageFormat},
@@ -156,11 +156,10 @@ INSTANTIATE_TEST_SUITE_P(
                      std::memset(i.At(forward), 'x', i.size() - forward);
                    },
                    "Delta", nt::kInvalidImageFormat},
-        Corruption{"export directory outside the image",
-                   [](PeImage& i) {
-                     i.Write<std::uint32_t>(i.DataDirectoryField(pe::kExportDirectoryIndex), i.size() - 8);
-                   },
-                   "Alpha", nt::kInvalidImageFormat},
+        Corruption{
+            "export directory outside the image",
+            [](PeImage& i) { i.Write<std::uint32_t>(i.DataDirectoryField(pe::kExportDirectoryIndex), i.size() - 8); },
+            "Alpha", nt::kInvalidImageFormat},
         Corruption{"image size smaller than the tables",
                    [](PeImage& i) { i.Write<std::uint32_t>(i.SizeOfImageField(), i.exportDirectory + 40); }, "Alpha",
                    nt::kInvalidImageFormat}),

@@ -72,7 +72,8 @@ TEST(Formatter, StringsUnderTheirOwnConversionOnly) {
 }
 
 TEST(Formatter, PercentSigns) {
-  EXPECT_EQ(Format(L"100%% %d%%", std::int32_t{7}), L"100% 7%%") << "'%%' before an argument is one '%', in the tail two";
+  EXPECT_EQ(Format(L"100%% %d%%", std::int32_t{7}), L"100% 7%%")
+      << "'%%' before an argument is one '%', in the tail two";
   EXPECT_EQ(Format(L"50%% %d %s"), L"50%% %d %s") << "without arguments the format is written verbatim";
   EXPECT_EQ(Format(L"%k%d", std::int32_t{1}), L"%k1") << "an unknown conversion is written as it stands";
   EXPECT_EQ(Format(L"%-5d %d", std::int32_t{1}), L"%-5d 1") << "no flags but '0'";

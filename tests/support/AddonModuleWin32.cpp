@@ -10,8 +10,9 @@ AddonModule AddonModule::Load() {
   if (module == nullptr) {
     return {};
   }
-  return {reinterpret_cast<GetClassObjectFunction>(reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject"))),
-          reinterpret_cast<CanUnloadNowFunction>(reinterpret_cast<void*>(GetProcAddress(module, "DllCanUnloadNow")))};
+  return {
+      reinterpret_cast<GetClassObjectFunction>(reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject"))),
+      reinterpret_cast<CanUnloadNowFunction>(reinterpret_cast<void*>(GetProcAddress(module, "DllCanUnloadNow")))};
 }
 
 }  // namespace test

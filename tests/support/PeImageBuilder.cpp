@@ -7,7 +7,9 @@
 namespace test {
 namespace {
 
-std::uint32_t AlignUp(std::uint32_t value, std::uint32_t alignment) { return (value + alignment - 1) & ~(alignment - 1); }
+std::uint32_t AlignUp(std::uint32_t value, std::uint32_t alignment) {
+  return (value + alignment - 1) & ~(alignment - 1);
+}
 
 void AppendWord(std::vector<std::uint8_t>& out, std::uint16_t value) {
   out.push_back(static_cast<std::uint8_t>(value));
@@ -88,8 +90,9 @@ PeImage PeImageBuilder::Build() const {
   for (std::uint32_t i = 0; i < count; ++i) {
     sorted[i] = i;
   }
-  std::sort(sorted.begin(), sorted.end(),
-            [&](std::uint32_t a, std::uint32_t b) { return std::strcmp(exports_[a].name.c_str(), exports_[b].name.c_str()) < 0; });
+  std::sort(sorted.begin(), sorted.end(), [&](std::uint32_t a, std::uint32_t b) {
+    return std::strcmp(exports_[a].name.c_str(), exports_[b].name.c_str()) < 0;
+  });
   std::vector<std::uint32_t> nameRvas(count);
   std::vector<std::uint32_t> functionRvas(count);
   std::string stringArea;
@@ -109,7 +112,8 @@ PeImage PeImageBuilder::Build() const {
 
   // Resource tree: type 16 -> name 1 -> language 0 -> data entry -> the block.
   const std::uint32_t resourceStart = AlignUp(exportEnd, 0x100);
-  const std::uint32_t dataEntry = resourceStart + 3 * (sizeof(pe::ResourceDirectory) + sizeof(pe::ResourceDirectoryEntry));
+  const std::uint32_t dataEntry =
+      resourceStart + 3 * (sizeof(pe::ResourceDirectory) + sizeof(pe::ResourceDirectoryEntry));
   const std::uint32_t blockRva = AlignUp(dataEntry + sizeof(pe::ResourceDataEntry), 8);
   const std::uint32_t resourceEnd = version_ ? blockRva + static_cast<std::uint32_t>(version_->size()) : resourceStart;
 
@@ -119,7 +123,7 @@ PeImage PeImageBuilder::Build() const {
   image.ntHeaders = 0x40;
   image.Write<std::uint32_t>(0x40, pe::kNtSignature);
   image.Write<std::uint16_t>(0x44, 0x8664);
-  image.Write<std::uint16_t>(0x40 + 20, 0xF0);  // SizeOfOptionalHeader
+  image.Write<std::uint16_t>(0x40 + 20, 0xF0);    // SizeOfOptionalHeader
   image.Write<std::uint16_t>(0x40 + 22, 0x2022);  // executable, large address aware, DLL
   image.Write<std::uint16_t>(0x40 + 24, pe::kPe32PlusMagic);
   image.Write<std::uint32_t>(image.SizeOfImageField(), image.size());

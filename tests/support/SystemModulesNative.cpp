@@ -6,8 +6,8 @@
 namespace test {
 namespace {
 
-constexpr const char* kNtdllExports[] = {"NtClose", "RtlAllocateHeap", "RtlCompactHeap", "RtlCompressBuffer",
-                                         "RtlFreeHeap", "RtlReAllocateHeap"};
+constexpr const char* kNtdllExports[] = {"NtClose",           "RtlAllocateHeap", "RtlCompactHeap",
+                                         "RtlCompressBuffer", "RtlFreeHeap",     "RtlReAllocateHeap"};
 
 const PeImage& NtdllImage() {
   static const PeImage image = [] {
@@ -37,7 +37,7 @@ const void* FromNtdll(const char* function) {
 
 const void* FromKernel32(const char* function) {
   return std::strcmp(function, "CreateToolhelp32Snapshot") == 0 ? Kernel32Image().Address(PeImageBuilder::CodeRva(0))
-                                                                  : nullptr;
+                                                                : nullptr;
 }
 
 HMODULE ModuleOf(const PeImage& image) { return reinterpret_cast<HMODULE>(const_cast<void*>(image.base())); }

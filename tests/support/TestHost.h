@@ -25,8 +25,7 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
 class RecordingLogger final : public TestObject<_ITarnLogger> {
  public:
-  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line,
-                                const char* message) override;
+  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) override;
   std::vector<LogRecord> Records() const;
   std::vector<LogRecord> RecordsFrom(std::string_view file) const;
 
