@@ -32,6 +32,14 @@ struct GuardKey {
 
 extern thread_local constinit HookGuard threadHookGuard;
 
+// The calling thread's guard with its address computed once. On Windows every use of a
+// thread_local otherwise recomputes it from the TEB: three dependent loads per use.
+inline HookGuard& CurrentHookGuard() noexcept {
+  HookGuard* guard = &threadHookGuard;
+  __asm__ volatile("" : "+r"(guard));
+  return *guard;
+}
+
 inline bool IsActive(const HookGuard& guard, GuardKey key) noexcept {
   if (guard.allHooksActive) {
     return true;

@@ -46,7 +46,7 @@ struct Hook<HookId, Result(Args...), EventStep> {
     // The compiler takes a thread_local for always dereferenceable and could otherwise load the
     // guard before the test above, on the very threads where that would fault.
     __asm__ volatile("" ::: "memory");
-    HookGuard& guard = threadHookGuard;
+    HookGuard& guard = CurrentHookGuard();
     if (guard.suppressed || IsActive(guard, kKey)) {
       return CallReal(args...);
     }

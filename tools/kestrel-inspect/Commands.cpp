@@ -149,7 +149,7 @@ std::string AsText(const std::string& command, const nlohmann::json& result) {
           << "; resolution " << trap["resolution"]["status"].get<std::string>()
           << (trap["resolution"].contains("rva") ? " rva " + trap["resolution"]["rva"].get<std::string>() : "")
           << (trap["resolution"].contains("forward") ? " forward " + trap["resolution"]["forward"].get<std::string>()
-                                                      : "")
+                                                     : "")
           << "; " << trap["request"].get<std::string>() << "\n";
     }
   }

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "logging/LogFunction.h"
 #include "libinfra/platform/Platform.h"
+#include "logging/LogFunction.h"
 #include "tools/kestrel-inspect/Commands.h"
 #include "tools/kestrel-inspect/MappedImage.h"
 

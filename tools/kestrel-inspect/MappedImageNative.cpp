@@ -52,8 +52,8 @@ class NativeImage final : public MappedImage {
     for (std::size_t i = 0; i < nt.numberOfSections; ++i) {
       SectionHeader section{};
       Read(file, sections + i * sizeof section, section);
-      const std::size_t length = std::min(section.sizeOfRawData, section.virtualSize == 0 ? section.sizeOfRawData
-                                                                                           : section.virtualSize);
+      const std::size_t length =
+          std::min(section.sizeOfRawData, section.virtualSize == 0 ? section.sizeOfRawData : section.virtualSize);
       if (section.pointerToRawData > file.size() || length > file.size() - section.pointerToRawData ||
           section.virtualAddress > nt.sizeOfImage || length > nt.sizeOfImage - section.virtualAddress) {
         throw std::runtime_error("a section lies outside the file or the image");

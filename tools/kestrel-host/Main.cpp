@@ -1,0 +1,145 @@
+// kestrel-host: runs Kestrel.dll the way an agent does, with real services and real hooks.
+//   kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... [--fail NAME=HRESULT]...
+//   kestrel-host bench [--iterations N]
+// Standard output is one JSON object a line: the host's steps with their HRESULTs, and the
+// add-on's events, decoded. The add-on's log records go to standard error.
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "libinfra/com/Ptr.h"
+#include "libinfra/platform/Platform.h"
+#include "tools/kestrel-host/ImportHookService.h"
+#include "tools/kestrel-host/Output.h"
+#include "tools/kestrel-host/Services.h"
+#include "tools/kestrel-host/Workload.h"
+
+namespace {
+
+struct Options {
+  bool bench = false;
+  int iterations = 1'000'000;
+  std::wstring config = L"{}";
+  unsigned loseEvery = 0;
+  std::set<std::wstring> policyExcluded;
+  std::map<std::wstring, HRESULT> failures;
+};
+
+[[noreturn]] void Usage(const char* problem) {
+  std::fprintf(stderr,
+               "kestrel-host: %s\n"
+               "usage: kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... "
+               "[--fail NAME=HRESULT]...\n"
+               "       kestrel-host bench [--iterations N]\n",
+               problem);
+  std::exit(2);
+}
+
+std::wstring Wide(const std::string& text) { return platform::WideFromUtf8(text).value_or(L""); }
+
+Options Parse(int argc, char** argv) {
+  Options options;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  std::size_t i = 0;
+  if (i < args.size() && (args[i] == "run" || args[i] == "bench")) {
+    options.bench = args[i++] == "bench";
+  }
+  if (options.bench) {
+    options.config = L"{\"flags\":{\"hookHeapAllocator\":true}}";
+  }
+  for (; i < args.size(); ++i) {
+    const std::string& option = args[i];
+    if (i + 1 >= args.size()) {
+      Usage(("missing value for " + option).c_str());
+    }
+    const std::string& value = args[++i];
+    if (option == "--config") {
+      std::ifstream file(value, std::ios::binary);
+      if (!file) {
+        Usage(("cannot read " + value).c_str());
+      }
+      options.config = Wide(std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
+    } else if (option == "--lose-every") {
+      options.loseEvery = static_cast<unsigned>(std::strtoul(value.c_str(), nullptr, 10));
+    } else if (option == "--iterations") {
+      options.iterations = std::max(100, std::atoi(value.c_str()));
+    } else if (option == "--policy-exclude") {
+      options.policyExcluded.insert(Wide(value));
+    } else if (option == "--fail" && value.find('=') != std::string::npos) {
+      const auto equals = value.find('=');
+      options.failures[Wide(value.substr(0, equals))] =
+          static_cast<HRESULT>(std::strtoul(value.substr(equals + 1).c_str(), nullptr, 0));
+    } else {
+      Usage(("unknown option " + option).c_str());
+    }
+  }
+  return options;
+}
+
+using GetClassObject = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
+using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = Parse(argc, argv);
+  auto& out = host::Out();
+
+  HMODULE addonModule = LoadLibraryW(L"Kestrel.dll");
+  out.Step("LoadLibrary", addonModule != nullptr ? S_OK : HRESULT_FROM_WIN32(GetLastError()));
+  if (addonModule == nullptr) {
+    return 1;
+  }
+  auto getClassObject = reinterpret_cast<GetClassObject>(
+      reinterpret_cast<void*>(GetProcAddress(addonModule, "DllGetClassObject")));
+  auto canUnloadNow =
+      reinterpret_cast<CanUnloadNow>(reinterpret_cast<void*>(GetProcAddress(addonModule, "DllCanUnloadNow")));
+  if (getClassObject == nullptr || canUnloadNow == nullptr) {
+    out.Step("GetProcAddress", E_FAIL);
+    return 1;
+  }
+
+  com::Ptr<IClassFactory> factory;
+  HRESULT result = getClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put()));
+  out.Step("DllGetClassObject", result);
+  if (FAILED(result)) {
+    return 1;
+  }
+  com::Ptr<_ITarnAddon> addon;
+  result = factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon.Put()));
+  out.Step("CreateInstance", result);
+  factory = {};
+  if (FAILED(result)) {
+    return 1;
+  }
+
+  host::StderrLogger logger;
+  host::FileConfig config(options.config);
+  host::PrintingEventGenerator events(options.loseEvery);
+  host::ModuleEventsPoint point;
+  host::ModuleEventsContainer container(point);
+  host::ServiceProvider provider(logger, config, events, container);
+  host::ImportHookService hooks(options.policyExcluded, options.failures);
+
+  result = addon->Initialize(&provider);
+  out.Step("Initialize", result);
+  if (SUCCEEDED(result) && point.Sink() != nullptr) {
+    host::AnnounceLoadedModules(*point.Sink(), hooks);
+  }
+  if (options.bench) {
+    host::RunBench(options.iterations);
+  } else {
+    host::RunWorkload("running");
+    out.Step("Stop", addon->Stop());
+    host::RunWorkload("stopped");
+  }
+  addon = {};
+  out.Step("Release", S_OK);
+  out.Step("DllCanUnloadNow", canUnloadNow());
+  return SUCCEEDED(result) ? 0 : 1;
+}

@@ -1,0 +1,82 @@
+#pragma once
+// The services an agent hands the add-on: a logger to stderr, a configuration from a file, an
+// event generator that decodes and prints every event, the connection point for module
+// notifications, and the service provider that pairs each with its ids.
+#include <atomic>
+#include <string>
+
+#include "tools/kestrel-host/HostObject.h"
+
+namespace host {
+
+class StderrLogger final : public HostObject<_ITarnLogger> {
+ public:
+  // LEVEL file:line text
+  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line,
+                                const char* message) override;
+};
+
+class FileConfig final : public HostObject<_ITarnConfig> {
+ public:
+  explicit FileConfig(std::wstring json) : json_(std::move(json)) {}
+  HRESULT STDMETHODCALLTYPE HostSlot3() override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE HostSlot4() override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE HostSlot5() override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE HostSlot6() override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* json) override;
+
+ private:
+  std::wstring json_;
+};
+
+class PrintingEventGenerator final : public HostObject<_ITarnEventGenerator> {
+ public:
+  // Every loseEvery-th event (0: none) is answered 0x80070008, as a host that had to drop it.
+  explicit PrintingEventGenerator(unsigned loseEvery) : loseEvery_(loseEvery) {}
+  HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
+
+ private:
+  unsigned loseEvery_;
+  std::atomic<unsigned> received_{0};
+};
+
+class ModuleEventsPoint final : public HostObject<IConnectionPoint> {
+ public:
+  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID* iid) override;
+  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
+  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
+  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections**) override { return E_NOTIMPL; }
+
+  // The subscribed sink, or null.
+  _ITarnDllEvents* Sink() const { return sink_; }
+
+ private:
+  _ITarnDllEvents* sink_ = nullptr;
+};
+
+class ModuleEventsContainer final : public HostObject<IConnectionPointContainer> {
+ public:
+  explicit ModuleEventsContainer(ModuleEventsPoint& point) : point_(point) {}
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+
+ private:
+  ModuleEventsPoint& point_;
+};
+
+class ServiceProvider final : public HostObject<IServiceProvider> {
+ public:
+  ServiceProvider(StderrLogger& logger, FileConfig& config, PrintingEventGenerator& events,
+                  ModuleEventsContainer& container)
+      : logger_(logger), config_(config), events_(events), container_(container) {}
+  HRESULT STDMETHODCALLTYPE QueryService(REFGUID service, REFIID iid, void** object) override;
+
+ private:
+  StderrLogger& logger_;
+  FileConfig& config_;
+  PrintingEventGenerator& events_;
+  ModuleEventsContainer& container_;
+};
+
+}  // namespace host
