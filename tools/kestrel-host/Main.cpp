@@ -95,8 +95,8 @@ int main(int argc, char** argv) {
   if (addonModule == nullptr) {
     return 1;
   }
-  auto getClassObject = reinterpret_cast<GetClassObject>(
-      reinterpret_cast<void*>(GetProcAddress(addonModule, "DllGetClassObject")));
+  auto getClassObject =
+      reinterpret_cast<GetClassObject>(reinterpret_cast<void*>(GetProcAddress(addonModule, "DllGetClassObject")));
   auto canUnloadNow =
       reinterpret_cast<CanUnloadNow>(reinterpret_cast<void*>(GetProcAddress(addonModule, "DllCanUnloadNow")));
   if (getClassObject == nullptr || canUnloadNow == nullptr) {

@@ -3,9 +3,8 @@
 // order they happened, so scripts can follow the run.
 #include <cstdint>
 #include <mutex>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "libinfra/platform/ComAbi.h"
 

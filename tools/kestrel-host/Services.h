@@ -12,8 +12,7 @@ namespace host {
 class StderrLogger final : public HostObject<_ITarnLogger> {
  public:
   // LEVEL file:line text
-  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line,
-                                const char* message) override;
+  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) override;
 };
 
 class FileConfig final : public HostObject<_ITarnConfig> {

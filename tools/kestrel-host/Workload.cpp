@@ -1,21 +1,20 @@
 #include "tools/kestrel-host/Workload.h"
 
-#include <psapi.h>
-#include <tlhelp32.h>
-
 #include <algorithm>
 #include <chrono>
+#include <psapi.h>
+#include <tlhelp32.h>
 #include <vector>
 
 #include "tools/kestrel-host/Output.h"
 
 // The ntdll functions the workload imports (mingw-w64 declares them without these flags).
 extern "C" {
-__declspec(dllimport) LONG NTAPI RtlGetCompressionWorkSpaceSize(USHORT format, PULONG workspaceSize,
-                                                                PULONG fragmentSize);
-__declspec(dllimport) LONG NTAPI RtlCompressBuffer(USHORT format, PUCHAR uncompressed, ULONG uncompressedSize,
-                                                   PUCHAR compressed, ULONG compressedSize, ULONG chunkSize,
-                                                   PULONG finalSize, PVOID workspace);
+__declspec(dllimport) LONG NTAPI
+    RtlGetCompressionWorkSpaceSize(USHORT format, PULONG workspaceSize, PULONG fragmentSize);
+__declspec(dllimport) LONG NTAPI
+    RtlCompressBuffer(USHORT format, PUCHAR uncompressed, ULONG uncompressedSize, PUCHAR compressed,
+                      ULONG compressedSize, ULONG chunkSize, PULONG finalSize, PVOID workspace);
 __declspec(dllimport) PVOID NTAPI RtlAllocateHeap(PVOID heap, ULONG flags, SIZE_T size);
 __declspec(dllimport) PVOID NTAPI RtlReAllocateHeap(PVOID heap, ULONG flags, PVOID base, SIZE_T size);
 __declspec(dllimport) SIZE_T NTAPI RtlCompactHeap(PVOID heap, ULONG flags);
@@ -119,10 +118,8 @@ void Compare(const char* what, int iterations, Hooked hooked, Direct direct) {
     bestHooked = std::min(bestHooked, NanosecondsPerCall(iterations, hooked));
     bestDirect = std::min(bestDirect, NanosecondsPerCall(iterations, direct));
   }
-  Out().Line(nlohmann::json{{"bench", what},
-                            {"hookedNs", bestHooked},
-                            {"directNs", bestDirect},
-                            {"ratio", bestHooked / bestDirect}}
+  Out().Line(nlohmann::json{
+      {"bench", what}, {"hookedNs", bestHooked}, {"directNs", bestDirect}, {"ratio", bestHooked / bestDirect}}
                  .dump());
 }
 
@@ -152,7 +149,9 @@ void RunBench(int iterations) {
         RtlCompressBuffer(kLznt1Standard, data.data(), 4096, compressed.data(), 4500, 4096, &finalSize,
                           workspace.data());
       },
-      [&] { compress(kLznt1Standard, data.data(), 4096, compressed.data(), 4500, 4096, &finalSize, workspace.data()); });
+      [&] {
+        compress(kLznt1Standard, data.data(), 4096, compressed.data(), 4500, 4096, &finalSize, workspace.data());
+      });
 
   // Every hooked snapshot sends an event; the printed events are this benchmark's output too.
   Compare(
