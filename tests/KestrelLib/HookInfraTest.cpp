@@ -312,6 +312,32 @@ TEST_F(HookInfraTest, DestructionUnsubscribes) {
   EXPECT_EQ(registry_.calls, test::CallLog{"Unadvise 42"});
 }
 
+// The catalogue's six traps use none of these; the infrastructure supports them all.
+int registrations = 0;
+bool allowedAtLoad = true;
+void* ownResolverTarget = nullptr;
+
+TEST_F(HookInfraTest, DescriptorsMayDeferTheirPredicateRegisterAndResolveThemselves) {
+  tessel::TrapDescriptor& compress = test::Trap("RtlCompressBuffer");
+  compress.onRegistered = [] { ++registrations; };
+  compress.evaluatePredicateAtLoad = true;
+  compress.predicate = [] { return allowedAtLoad; };
+  compress.resolver = [](HMODULE base) { return ownResolverTarget = reinterpret_cast<std::uint8_t*>(base) + 0x10; };
+  Initialize(false);
+  EXPECT_EQ(registrations, 1) << "called once, at construction, for the trap not disabled";
+  EXPECT_EQ(Load(ntdll_, L"ntdll.dll"), S_OK);
+  ASSERT_EQ(hooks_.Names(), std::vector<std::wstring>{L"RtlCompressBuffer"});
+  EXPECT_EQ(hooks_.requests[0].slotValue, ownResolverTarget) << "the resolver decides the target";
+  EXPECT_EQ(Unload(ntdll_, L"ntdll.dll"), S_OK);
+
+  allowedAtLoad = false;  // now the deferred predicate says no, at the next load
+  EXPECT_EQ(Load(ntdll_, L"ntdll.dll"), S_OK);
+  EXPECT_EQ(StateOf("RtlCompressBuffer"), TrapState::Disabled);
+  EXPECT_EQ(HookInfraRecords().back(),
+            (Entry{4, "Disabling trap ntdll.dll!RtlCompressBuffer due to predicate failure"}));
+  EXPECT_EQ(hooks_.requests.size(), 1u);
+}
+
 TEST_F(HookInfraTest, MissingConnectionPointContainerFailsConstruction) {
   const std::int32_t live = com::moduleObjectCount.load();
   try {
