@@ -48,6 +48,16 @@ inline constexpr std::uint16_t kDosMagic = 0x5A4D;
 inline constexpr std::uint32_t kNtSignature = 0x00004550;
 inline constexpr std::uint16_t kPe32PlusMagic = 0x20B;
 
+struct SectionHeader {
+  char name[8];
+  std::uint32_t virtualSize;
+  std::uint32_t virtualAddress;
+  std::uint32_t sizeOfRawData;
+  std::uint32_t pointerToRawData;
+  std::uint8_t unused[16];
+};
+static_assert(sizeof(SectionHeader) == 40);
+
 struct ExportDirectory {
   std::uint32_t characteristics;
   std::uint32_t timeDateStamp;

@@ -10,7 +10,7 @@
 
 namespace {
 
-struct CountingGenerator final : test::TestObject<_ITarnEventGenerator> {
+struct CountingGenerator final : com::UnownedObject<_ITarnEventGenerator> {
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE*, UINT32 size) override {
     bytes += size;
     return S_OK;

@@ -130,7 +130,7 @@ TEST_F(Events, NothingIsReportedWhileDisabled) {
 }
 
 TEST_F(Events, AHookedCallInsideTheEventStepIsNotReportedAgain) {
-  struct Reentrant final : test::TestObject<_ITarnEventGenerator> {
+  struct Reentrant final : com::UnownedObject<_ITarnEventGenerator> {
     HRESULT STDMETHODCALLTYPE SendEvent(const BYTE*, UINT32) override {
       ++sent;
       test::HandlerOf<tessel::CreateToolhelp32SnapshotFunction>("CreateToolhelp32Snapshot")(1, 1);
@@ -144,7 +144,7 @@ TEST_F(Events, AHookedCallInsideTheEventStepIsNotReportedAgain) {
 }
 
 TEST_F(Events, SendingProblemsNeverReachTheCaller) {
-  struct Meddling final : test::TestObject<_ITarnEventGenerator> {
+  struct Meddling final : com::UnownedObject<_ITarnEventGenerator> {
     HRESULT STDMETHODCALLTYPE SendEvent(const BYTE*, UINT32) override {
       SetLastError(999);
       return E_FAIL;

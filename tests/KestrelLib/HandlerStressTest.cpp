@@ -17,7 +17,7 @@
 
 namespace {
 
-struct CountingGenerator final : test::TestObject<_ITarnEventGenerator> {
+struct CountingGenerator final : com::UnownedObject<_ITarnEventGenerator> {
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE*, UINT32 size) override {
     events.fetch_add(1);
     return size == 44 || size == 39 ? S_OK : E_FAIL;

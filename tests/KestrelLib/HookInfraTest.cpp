@@ -240,7 +240,7 @@ TEST_F(HookInfraTest, ForwardedAndMissingExportsAreNotHooked) {
 
 TEST_F(HookInfraTest, TheHostMayRewriteTheSlot) {
   Initialize(false);
-  struct RewritingService final : test::TestObject<_ITarnHookService> {
+  struct RewritingService final : com::UnownedObject<_ITarnHookService> {
     HRESULT STDMETHODCALLTYPE SetHook(const wchar_t*, void** slot, void*) override {
       *slot = reinterpret_cast<void*>(0x5150);
       return S_OK;
@@ -273,7 +273,7 @@ TEST_F(HookInfraTest, InvalidArgumentsAreRefusedAndLogged) {
 
 TEST_F(HookInfraTest, AFailingHookServiceQueryIsAFailure) {
   Initialize(false);
-  struct Refusing final : test::TestObject<IServiceProvider> {
+  struct Refusing final : com::UnownedObject<IServiceProvider> {
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
       *object = nullptr;
       return static_cast<HRESULT>(0x80070005);  // access denied

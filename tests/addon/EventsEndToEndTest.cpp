@@ -44,12 +44,8 @@ class EventsEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
     module_ = test::AddonModule::Load();
-    ASSERT_NE(module_.DllGetClassObject, nullptr);
-    com::Ptr<IClassFactory> factory;
-    ASSERT_EQ(
-        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
-        S_OK);
-    ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
+    addon_ = module_.CreateAddon();
+    ASSERT_NE(addon_.Get(), nullptr);
     registry_.config.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
     ASSERT_EQ(addon_->Initialize(&registry_), S_OK);
     com::Ptr<_ITarnDllEvents> sink;

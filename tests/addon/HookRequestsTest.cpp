@@ -20,12 +20,8 @@ class HookRequests : public ::testing::Test {
  protected:
   void Initialize(const wchar_t* json) {
     module_ = test::AddonModule::Load();
-    ASSERT_NE(module_.DllGetClassObject, nullptr);
-    com::Ptr<IClassFactory> factory;
-    ASSERT_EQ(
-        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
-        S_OK);
-    ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
+    addon_ = module_.CreateAddon();
+    ASSERT_NE(addon_.Get(), nullptr);
     registry_.config.json = json;
     ASSERT_EQ(addon_->Initialize(&registry_), S_OK);
     ASSERT_NE(registry_.connectionPoint.sink, nullptr) << "the add-on subscribes to module notifications";

@@ -18,12 +18,8 @@ class Lifecycle : public ::testing::Test {
  protected:
   void SetUp() override {
     module_ = test::AddonModule::Load();
-    ASSERT_NE(module_.DllGetClassObject, nullptr);
-    com::Ptr<IClassFactory> factory;
-    ASSERT_EQ(
-        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
-        S_OK);
-    ASSERT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, reinterpret_cast<void**>(addon_.Put())), S_OK);
+    addon_ = module_.CreateAddon();
+    ASSERT_NE(addon_.Get(), nullptr);
   }
 
   test::AddonModule module_{};

@@ -117,7 +117,7 @@ TEST(ComObjectDeathTest, MoreDestructionsThanConstructionsTerminate) {
       "");
 }
 
-class Releasable final : public test::TestObject<IServiceProvider> {
+class Releasable final : public com::UnownedObject<IServiceProvider> {
  public:
   HRESULT STDMETHODCALLTYPE QueryService(REFGUID, REFIID, void**) override { return E_FAIL; }
 };

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/TestObject.h"
+#include "addon/HostInterfaces.h"
+#include "libinfra/com/UnownedObject.h"
 
 namespace test {
 
@@ -23,7 +24,7 @@ struct LogRecord {
 };
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
-class RecordingLogger final : public TestObject<_ITarnLogger> {
+class RecordingLogger final : public com::UnownedObject<_ITarnLogger> {
  public:
   HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) override;
   std::vector<LogRecord> Records() const;
@@ -34,7 +35,7 @@ class RecordingLogger final : public TestObject<_ITarnLogger> {
   std::vector<LogRecord> records_;
 };
 
-class FakeConfig final : public TestObject<_ITarnConfig> {
+class FakeConfig final : public com::UnownedObject<_ITarnConfig> {
  public:
   explicit FakeConfig(CallLog& calls) : calls_(calls) {}
   HRESULT STDMETHODCALLTYPE HostSlot3() override { return E_FAIL; }
@@ -51,7 +52,7 @@ class FakeConfig final : public TestObject<_ITarnConfig> {
   CallLog& calls_;
 };
 
-class FakeEventGenerator final : public TestObject<_ITarnEventGenerator> {
+class FakeEventGenerator final : public com::UnownedObject<_ITarnEventGenerator> {
  public:
   // Records the event, then answers `result` (0x80070008: the host dropped it).
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
@@ -64,7 +65,7 @@ class FakeEventGenerator final : public TestObject<_ITarnEventGenerator> {
   std::vector<std::vector<BYTE>> events_;
 };
 
-class FakeConnectionPoint final : public TestObject<IConnectionPoint> {
+class FakeConnectionPoint final : public com::UnownedObject<IConnectionPoint> {
  public:
   explicit FakeConnectionPoint(CallLog& calls) : calls_(calls) {}
   // Gives back the sink's reference, as a host does when it shuts down.
@@ -85,7 +86,7 @@ class FakeConnectionPoint final : public TestObject<IConnectionPoint> {
   CallLog& calls_;
 };
 
-class FakeConnectionPointContainer final : public TestObject<IConnectionPointContainer> {
+class FakeConnectionPointContainer final : public com::UnownedObject<IConnectionPointContainer> {
  public:
   FakeConnectionPointContainer(CallLog& calls, FakeConnectionPoint& point) : calls_(calls), point_(point) {}
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
@@ -100,7 +101,7 @@ class FakeConnectionPointContainer final : public TestObject<IConnectionPointCon
 
 // The host's hook service: records every request with what the slot held at that moment, and
 // answers each function name with a chosen HRESULT (S_OK by default).
-class FakeHookService final : public TestObject<_ITarnHookService> {
+class FakeHookService final : public com::UnownedObject<_ITarnHookService> {
  public:
   struct Request {
     std::wstring name;
@@ -121,7 +122,7 @@ class FakeHookService final : public TestObject<_ITarnHookService> {
 // The four services by the names the library's messages use.
 enum class Service { Logger, Config, EventGenerator, CpContainer };
 
-class FakeRegistry final : public TestObject<IServiceProvider> {
+class FakeRegistry final : public com::UnownedObject<IServiceProvider> {
  public:
   FakeRegistry();
   HRESULT STDMETHODCALLTYPE QueryService(REFGUID service, REFIID iid, void** object) override;

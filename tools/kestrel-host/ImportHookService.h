@@ -7,11 +7,12 @@
 #include <set>
 #include <string>
 
-#include "tools/kestrel-host/HostObject.h"
+#include "addon/HostInterfaces.h"
+#include "libinfra/com/UnownedObject.h"
 
 namespace host {
 
-class ImportHookService final : public HostObject<_ITarnHookService> {
+class ImportHookService final : public com::UnownedObject<_ITarnHookService> {
  public:
   ImportHookService(std::set<std::wstring> policyExcluded, std::map<std::wstring, HRESULT> failures)
       : policyExcluded_(std::move(policyExcluded)), failures_(std::move(failures)) {}

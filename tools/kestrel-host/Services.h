@@ -5,17 +5,18 @@
 #include <atomic>
 #include <string>
 
-#include "tools/kestrel-host/HostObject.h"
+#include "addon/HostInterfaces.h"
+#include "libinfra/com/UnownedObject.h"
 
 namespace host {
 
-class StderrLogger final : public HostObject<_ITarnLogger> {
+class StderrLogger final : public com::UnownedObject<_ITarnLogger> {
  public:
   // LEVEL file:line text
   HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) override;
 };
 
-class FileConfig final : public HostObject<_ITarnConfig> {
+class FileConfig final : public com::UnownedObject<_ITarnConfig> {
  public:
   explicit FileConfig(std::wstring json) : json_(std::move(json)) {}
   HRESULT STDMETHODCALLTYPE HostSlot3() override { return E_NOTIMPL; }
@@ -28,7 +29,7 @@ class FileConfig final : public HostObject<_ITarnConfig> {
   std::wstring json_;
 };
 
-class PrintingEventGenerator final : public HostObject<_ITarnEventGenerator> {
+class PrintingEventGenerator final : public com::UnownedObject<_ITarnEventGenerator> {
  public:
   // Every loseEvery-th event (0: none) is answered 0x80070008, as a host that had to drop it.
   explicit PrintingEventGenerator(unsigned loseEvery) : loseEvery_(loseEvery) {}
@@ -39,7 +40,7 @@ class PrintingEventGenerator final : public HostObject<_ITarnEventGenerator> {
   std::atomic<unsigned> received_{0};
 };
 
-class ModuleEventsPoint final : public HostObject<IConnectionPoint> {
+class ModuleEventsPoint final : public com::UnownedObject<IConnectionPoint> {
  public:
   HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID* iid) override;
   HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override { return E_NOTIMPL; }
@@ -54,7 +55,7 @@ class ModuleEventsPoint final : public HostObject<IConnectionPoint> {
   _ITarnDllEvents* sink_ = nullptr;
 };
 
-class ModuleEventsContainer final : public HostObject<IConnectionPointContainer> {
+class ModuleEventsContainer final : public com::UnownedObject<IConnectionPointContainer> {
  public:
   explicit ModuleEventsContainer(ModuleEventsPoint& point) : point_(point) {}
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_NOTIMPL; }
@@ -64,7 +65,7 @@ class ModuleEventsContainer final : public HostObject<IConnectionPointContainer>
   ModuleEventsPoint& point_;
 };
 
-class ServiceProvider final : public HostObject<IServiceProvider> {
+class ServiceProvider final : public com::UnownedObject<IServiceProvider> {
  public:
   ServiceProvider(StderrLogger& logger, FileConfig& config, PrintingEventGenerator& events,
                   ModuleEventsContainer& container)

@@ -13,16 +13,6 @@
 namespace inspect {
 namespace {
 
-struct SectionHeader {
-  char name[8];
-  std::uint32_t virtualSize;
-  std::uint32_t virtualAddress;
-  std::uint32_t sizeOfRawData;
-  std::uint32_t pointerToRawData;
-  std::uint8_t unused[16];
-};
-static_assert(sizeof(SectionHeader) == 40);
-
 constexpr std::size_t kOptionalHeaderOffset = 24;  // after the signature and the file header
 
 class NativeImage final : public MappedImage {
@@ -50,7 +40,7 @@ class NativeImage final : public MappedImage {
     std::memcpy(image, file.data(), std::min<std::size_t>(nt.sizeOfHeaders, file.size()));
     const std::size_t sections = ntOffset + kOptionalHeaderOffset + nt.sizeOfOptionalHeader;
     for (std::size_t i = 0; i < nt.numberOfSections; ++i) {
-      SectionHeader section{};
+      pe::SectionHeader section{};
       Read(file, sections + i * sizeof section, section);
       const std::size_t length =
           std::min(section.sizeOfRawData, section.virtualSize == 0 ? section.sizeOfRawData : section.virtualSize);

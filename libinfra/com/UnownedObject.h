@@ -1,21 +1,23 @@
 #pragma once
-// The host's COM objects live as long as the host program; their counts are kept honestly,
-// but nothing is deleted through Release.
+// A COM object whose lifetime its owner controls (a host's services, a test double): it answers
+// QueryInterface from its interface list and keeps an honest count, but Release never deletes.
+// The add-on's own objects use com::Object instead.
 #include <atomic>
 
-#include "addon/HostInterfaces.h"
+#include "libinfra/com/Guid.h"
+#include "libinfra/com/PlatformIids.h"
 
-namespace host {
+namespace com {
 
 template <typename First, typename... Rest>
-class HostObject : public First, public Rest... {
+class UnownedObject : public First, public Rest... {
  public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
     if (object == nullptr) {
       return E_POINTER;
     }
     *object = nullptr;
-    if (com::GuidEquals(iid, com::kIidIUnknown)) {
+    if (GuidEquals(iid, kIidIUnknown)) {
       *object = static_cast<First*>(this);
     } else if (!(Answer<First>(iid, object) || ... || Answer<Rest>(iid, object))) {
       return E_NOINTERFACE;
@@ -26,14 +28,17 @@ class HostObject : public First, public Rest... {
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
   ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
 
+  // References held by others than the owner.
+  ULONG References() const { return refs_ - 1; }
+
  protected:
-  HostObject() = default;
-  ~HostObject() = default;
+  UnownedObject() = default;
+  ~UnownedObject() = default;
 
  private:
   template <typename Interface>
   bool Answer(REFIID iid, void** object) {
-    if (!com::GuidEquals(iid, com::InterfaceId<Interface>::value)) {
+    if (!GuidEquals(iid, InterfaceId<Interface>::value)) {
       return false;
     }
     *object = static_cast<Interface*>(this);
@@ -43,4 +48,4 @@ class HostObject : public First, public Rest... {
   std::atomic<ULONG> refs_{1};
 };
 
-}  // namespace host
+}  // namespace com
