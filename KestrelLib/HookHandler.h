@@ -43,15 +43,7 @@ struct Hook<HookId, Result(Args...), EventStep> {
     if (!platform::ThreadHasTlsArray() || hooksDisabled.load(std::memory_order_acquire) != 0) {
       return CallReal(args...);
     }
-    // The compiler takes a thread_local for always dereferenceable and could otherwise load the
-    // guard before the test above, on the very threads where that would fault.
-    __asm__ volatile("" ::: "memory");
-    HookGuard& guard = CurrentHookGuard();
-    if (guard.suppressed || IsActive(guard, kKey)) {
-      return CallReal(args...);
-    }
-    GuardScope scope(guard, kKey);
-    return Companion(args...);
+    return GuardedCall(args...);
   }
 
   // The real function, read from the slot at the moment of the call.
@@ -61,6 +53,18 @@ struct Hook<HookId, Result(Args...), EventStep> {
   }
 
  private:
+  // Kept out of Handler on purpose: the passes-through above then need no stack frame, and no
+  // thread-local read can be moved ahead of the test for the TLS array, on the very threads
+  // where it would fault (the compiler takes a thread_local for always dereferenceable).
+  __attribute__((noinline)) static Result GuardedCall(Args... args) {
+    HookGuard& guard = CurrentHookGuard();
+    if (guard.suppressed || IsActive(guard, kKey)) {
+      return CallReal(args...);
+    }
+    GuardScope<kKey> scope(guard);
+    return Companion(args...);
+  }
+
   static Result Companion(Args... args) {
     Result result = CallReal(args...);
     if constexpr (!std::is_same_v<EventStep, NoEvent>) {
