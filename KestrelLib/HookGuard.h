@@ -9,12 +9,13 @@ namespace tessel {
 inline constexpr std::uint64_t kGuardCanary = 0xdeadbeefdeadbeefULL;
 inline constexpr std::uint32_t kGuardBits = 6;
 
+// Filled in when it is pushed: a handler whose key needs no frame pays nothing for its own.
 struct GuardFrame {
-  std::uint64_t canaryBefore = kGuardCanary;
-  std::uint32_t hookId = 0;
-  GuardFrame* previous = nullptr;
-  std::uint64_t canaryAfter = kGuardCanary;
-  bool armed = false;
+  std::uint64_t canaryBefore;
+  std::uint32_t hookId;
+  GuardFrame* previous;
+  std::uint64_t canaryAfter;
+  bool armed;
 };
 
 struct HookGuard {
@@ -30,6 +31,9 @@ struct GuardKey {
   bool hasId;
 };
 
+// Native TLS on Windows, and the build fails otherwise (cmake/CheckNativeTls.cmake): a thread's
+// first touch of its guard must neither allocate nor call, which emulated TLS does both of.
+// Constant-initialised, so no per-thread initialiser runs either.
 extern thread_local constinit HookGuard threadHookGuard;
 
 // The calling thread's guard with its address computed once. On Windows every use of a
@@ -66,9 +70,7 @@ inline void Enter(HookGuard& guard, GuardKey key, GuardFrame& frame) noexcept {
   if (!key.hasId) {
     guard.allHooksActive = true;
   } else if (key.id >= kGuardBits) {
-    frame.hookId = key.id;
-    frame.previous = guard.frameChain;
-    frame.armed = true;
+    frame = {kGuardCanary, key.id, guard.frameChain, kGuardCanary, true};
     guard.frameChain = &frame;
   } else {
     guard.activeBits |= 1U << key.id;
@@ -89,31 +91,18 @@ inline void Leave(HookGuard& guard, GuardKey key, GuardFrame& frame) noexcept {
   }
 }
 
-// Enter for the scope's lifetime; leaves also when an exception unwinds it. The key is a
-// template argument so that each handler's path through the guard is fixed at compile time.
+// Leaves `Key` after Enter. For a bit it restores the word read just before Enter: the bit was
+// clear then and every inner call has restored its own, so this clears exactly this bit without
+// reading the word back (which in back-to-back calls waits on the store just made: 2 ns of
+// every heap call). The key is a template argument so that each handler's path is fixed at
+// compile time.
 template <GuardKey Key>
-class GuardScope {
- public:
-  explicit GuardScope(HookGuard& guard) noexcept : guard_(guard), bitsBefore_(guard.activeBits) {
-    Enter(guard_, Key, frame_);
+inline void LeaveEntered(HookGuard& guard, GuardFrame& frame, std::uint32_t bitsBeforeEnter) noexcept {
+  if constexpr (Key.hasId && Key.id < kGuardBits) {
+    guard.activeBits = bitsBeforeEnter;
+  } else {
+    Leave(guard, Key, frame);
   }
-  ~GuardScope() {
-    if constexpr (Key.hasId && Key.id < kGuardBits) {
-      // Leave for a bit: the bit was clear on entry and every inner scope has restored its own,
-      // so restoring the word clears exactly this bit, without reading the word back (which in
-      // back-to-back calls waits on the store just made: 2 ns of every heap call).
-      guard_.activeBits = bitsBefore_;
-    } else {
-      Leave(guard_, Key, frame_);
-    }
-  }
-  GuardScope(const GuardScope&) = delete;
-  GuardScope& operator=(const GuardScope&) = delete;
-
- private:
-  HookGuard& guard_;
-  std::uint32_t bitsBefore_;
-  GuardFrame frame_;
-};
+}
 
 }  // namespace tessel

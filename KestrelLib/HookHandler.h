@@ -17,6 +17,7 @@
 #include "KestrelLib/HooksDisabled.h"
 #include "libinfra/platform/ComAbi.h"
 #include "libinfra/platform/ExceptionGuard.h"
+#include "libinfra/platform/Finally.h"
 #include "libinfra/platform/ThreadTls.h"
 
 namespace tessel {
@@ -47,12 +48,14 @@ struct Hook<HookId, Result(Args...), EventStep> {
   }
 
   // The real function, read from the slot at the moment of the call.
-  static Result CallReal(Args... args) {
-    auto* real = reinterpret_cast<Function*>(std::atomic_ref<void*>(slot).load(std::memory_order_relaxed));
-    return real(args...);
+  static Function* RealFunction() noexcept {
+    return reinterpret_cast<Function*>(__atomic_load_n(&slot, __ATOMIC_RELAXED));
   }
+  static Result CallReal(Args... args) { return RealFunction()(args...); }
 
  private:
+  static constexpr bool kReports = !std::is_same_v<EventStep, NoEvent>;
+
   // Kept out of Handler on purpose: the passes-through above then need no stack frame, and no
   // thread-local read can be moved ahead of the test for the TLS array, on the very threads
   // where it would fault (the compiler takes a thread_local for always dereferenceable).
@@ -61,19 +64,27 @@ struct Hook<HookId, Result(Args...), EventStep> {
     if (guard.suppressed || IsActive(guard, kKey)) {
       return CallReal(args...);
     }
-    GuardScope<kKey> scope(guard);
-    return Companion(args...);
+    GuardFrame frame;
+    const std::uint32_t bitsBefore = guard.activeBits;
+    Enter(guard, kKey, frame);
+    Function* const real = RealFunction();
+    Result result;
+    // The companion, written out here: a call made inside a __try is never inlined, and the
+    // heap handlers must not pay for one. The hook is left on every way out: a structured
+    // exception raised by the real function and caught by its caller must not leave the hook
+    // active on this thread for good.
+    PLATFORM_TRY_FINALLY(
+        result = real(args...);
+        if constexpr (kReports) { ReportEvent(result, args...); }, LeaveEntered<kKey>(guard, frame, bitsBefore));
+    return result;
   }
 
-  static Result Companion(Args... args) {
-    Result result = CallReal(args...);
-    if constexpr (!std::is_same_v<EventStep, NoEvent>) {
-      const DWORD lastError = GetLastError();
-      EventContext context{result, {args...}};
-      RunEventStep(context);
-      SetLastError(lastError);
-    }
-    return result;
+  // Runs the event step with the real function's last-error value kept for the caller.
+  static void ReportEvent(const Result& result, Args... args) {
+    const DWORD lastError = GetLastError();
+    EventContext context{result, {args...}};
+    RunEventStep(context);
+    SetLastError(lastError);
   }
 
   struct EventContext {

@@ -1,5 +1,6 @@
 #include "KestrelLib/KestrelConfig.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -46,6 +47,29 @@ std::string StrictUtf8(std::wstring_view text) {
   return out;
 }
 
+// The parser takes a NUL byte outside a string for the end of the text, so it would accept the
+// value before one and leave the rest unread. After a successful parse, a NUL can only be after
+// the value (inside a string it is an error already): text after the value, reported as the
+// parser reports other trailing text, with its position.
+void RejectTextAfterNul(const std::string& text) {
+  const std::size_t nul = text.find('\0');
+  if (nul == std::string::npos) {
+    return;
+  }
+  const std::size_t lineStart = text.rfind('\n', nul) + 1;  // 0 when there is no newline before
+  const nlohmann::detail::position_t position{
+      nul + 1, nul + 1 - lineStart, static_cast<std::size_t>(std::count(text.begin(), text.begin() + nul, '\n'))};
+  throw Json::parse_error::create(
+      101, position, "syntax error while parsing value - unexpected U+0000; expected end of input", nullptr);
+}
+
+Json ParseWhole(std::wstring_view json) {
+  const std::string text = StrictUtf8(json);
+  Json value = Json::parse(text);
+  RejectTextAfterNul(text);
+  return value;
+}
+
 bool ToBool(const Json& value) {
   if (value.is_boolean()) {
     return value.get<bool>();
@@ -83,6 +107,6 @@ KestrelConfig ToKestrelConfig(const Json& value) {
 
 }  // namespace
 
-KestrelConfig DecodeKestrelConfig(std::wstring_view json) { return ToKestrelConfig(Json::parse(StrictUtf8(json))); }
+KestrelConfig DecodeKestrelConfig(std::wstring_view json) { return ToKestrelConfig(ParseWhole(json)); }
 
 }  // namespace tessel

@@ -7,15 +7,16 @@ namespace platform {
 namespace {
 
 constexpr DWORD kStackOverflow = 0xC00000FD;
-// C++ exceptions travel as structured exceptions with their runtime's code: GCC's ("GCC\0" as
-// bytes) and Microsoft's ("msc" | 0xE0000000).
-constexpr DWORD kGccCppException = 0x20474343;
-constexpr DWORD kMsvcCppException = 0xE06D7363;
+// This module's own C++ exceptions travel as structured exceptions with this code ("GCC\0" as
+// bytes; libgcc's and libunwind's alike). They are left to the caller's C++ handler, which
+// frees the exception object. Every other code is taken here, another runtime's C++ exception
+// (Microsoft's 0xE06D7363, say) included: no handler of this module's runtime would catch it.
+constexpr DWORD kOwnCppException = 0x20474343;
 
 // The code is taken here: with clang's mingw target, GetExceptionCode() is only reliable in
 // the filter expression.
 int Filter(DWORD code, DWORD* seen) noexcept {
-  if (code == kGccCppException || code == kMsvcCppException) {
+  if (code == kOwnCppException) {
     return EXCEPTION_CONTINUE_SEARCH;
   }
   *seen = code;

@@ -5,14 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <map>
 
-#include "addon/HostInterfaces.h"
-#include "libinfra/com/Ptr.h"
-#include "tests/support/AddonModule.h"
 #include "tests/support/EventBytes.h"
-#include "tests/support/SystemModules.h"
-#include "tests/support/TestHost.h"
+#include "tests/support/HookedAddon.h"
 
 namespace {
 
@@ -40,39 +35,17 @@ std::uint32_t HostFree(void*, std::uint32_t, void* base) {
   return 1;
 }
 
-class EventsEndToEnd : public ::testing::Test {
+class EventsEndToEnd : public test::HookedAddon {
  protected:
   void SetUp() override {
-    module_ = test::AddonModule::Load();
-    addon_ = module_.CreateAddon();
-    ASSERT_NE(addon_.Get(), nullptr);
     registry_.config.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
-    ASSERT_EQ(addon_->Initialize(&registry_), S_OK);
-    com::Ptr<_ITarnDllEvents> sink;
-    ASSERT_EQ(
-        registry_.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink.Put())),
-        S_OK);
-    hooks_.realFunctions = {{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
-                            {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)},
-                            {L"RtlAllocateHeap", reinterpret_cast<void*>(&HostAllocate)},
-                            {L"RtlReAllocateHeap", reinterpret_cast<void*>(&HostReAllocate)},
-                            {L"RtlCompactHeap", reinterpret_cast<void*>(&HostCompact)},
-                            {L"RtlFreeHeap", reinterpret_cast<void*>(&HostFree)}};
-    IUnknown* host = static_cast<_ITarnHookService*>(&hooks_);
-    ASSERT_EQ(sink->OnModuleLoad(test::Ntdll().base, 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll", 0, host),
-              S_OK);
-    ASSERT_EQ(
-        sink->OnModuleLoad(test::Kernel32().base, 1, L"kernel32.dll", L"C:\\Windows\\System32\\kernel32.dll", 0, host),
-        S_OK);
-    for (const auto& request : hooks_.requests) {
-      handlers_[request.name] = request.handler;
-    }
+    ASSERT_NO_FATAL_FAILURE(Start({{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
+                                   {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)},
+                                   {L"RtlAllocateHeap", reinterpret_cast<void*>(&HostAllocate)},
+                                   {L"RtlReAllocateHeap", reinterpret_cast<void*>(&HostReAllocate)},
+                                   {L"RtlCompactHeap", reinterpret_cast<void*>(&HostCompact)},
+                                   {L"RtlFreeHeap", reinterpret_cast<void*>(&HostFree)}}));
     ASSERT_EQ(handlers_.size(), 6u);
-  }
-
-  template <typename Function>
-  Function* Handler(const wchar_t* name) {
-    return reinterpret_cast<Function*>(handlers_.at(name));
   }
 
   // One call of each hooked function, each checked for the host function's result and error.
@@ -90,12 +63,6 @@ class EventsEndToEnd : public ::testing::Test {
   }
 
   std::vector<std::vector<BYTE>> Events() const { return registry_.eventGenerator.Events(); }
-
-  test::AddonModule module_{};
-  com::Ptr<_ITarnAddon> addon_;
-  test::FakeRegistry registry_;
-  test::FakeHookService hooks_;
-  std::map<std::wstring, void*> handlers_;
 };
 
 TEST_F(EventsEndToEnd, EventsFlowUntilStopAndResumeAfterASecondInitialize) {

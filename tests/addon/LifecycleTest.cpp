@@ -65,6 +65,20 @@ TEST_F(Lifecycle, InitializeAfterStopReusesTheFirstServicesWithoutQuerying) {
                 {4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}}));
 }
 
+TEST_F(Lifecycle, ConfigurationIsReadPastAnEmbeddedNul) {
+  registry_.config.json = std::wstring(L"{\"flags\":{\"hookHeapAllocator\":true}}") + L'\0' + L"junk";
+  EXPECT_EQ(addon_->Initialize(&registry_), S_OK);
+  const std::vector<LogRecord> records = registry_.logger.RecordsFrom("Globals.cpp");
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].line, 110u);
+  EXPECT_EQ(records[0].text.rfind("Failed to initialize configuration: [json.exception.parse_error.101] parse error at "
+                                  "line 1, column 37",
+                                  0),
+            0u)
+      << records[0].text;
+  EXPECT_EQ(registry_.logger.RecordsFrom("HookInfra.cpp").size(), 4u) << "the four heap hooks are disabled";
+}
+
 TEST_F(Lifecycle, FailedLoggerQueryFailsSilentlyAndKeepsTheRegistry) {
   registry_.Fail(Service::Logger, E_NOINTERFACE);
   EXPECT_EQ(addon_->Initialize(&registry_), E_FAIL);

@@ -41,8 +41,15 @@ HRESULT FakeConfig::GetModuleConfiguration(BSTR* out) {
 }
 
 HRESULT FakeEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
-  std::lock_guard lock(mutex_);
-  events_.emplace_back(data, data + size);
+  {
+    std::lock_guard lock(mutex_);
+    events_.emplace_back(data, data + size);
+  }
+#ifdef _WIN32
+  if (raiseCode != 0) {
+    RaiseException(raiseCode, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+  }
+#endif
   return result.load();
 }
 

@@ -54,11 +54,13 @@ class FakeConfig final : public com::UnownedObject<_ITarnConfig> {
 
 class FakeEventGenerator final : public com::UnownedObject<_ITarnEventGenerator> {
  public:
-  // Records the event, then answers `result` (0x80070008: the host dropped it).
+  // Records the event, then answers `result` (0x80070008: the host dropped it), or on Windows
+  // raises `raiseCode` when it is set.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
   std::vector<std::vector<BYTE>> Events() const;
 
   std::atomic<HRESULT> result{S_OK};
+  DWORD raiseCode = 0;
 
  private:
   mutable std::mutex mutex_;

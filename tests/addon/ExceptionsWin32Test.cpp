@@ -1,0 +1,60 @@
+// Exceptions through the hooked functions, on Windows, through the built module: a structured
+// exception raised by the real function reaches its caller unchanged and leaves the hook's
+// guard, and a C++ exception of another runtime raised by the host is swallowed.
+#include <gtest/gtest.h>
+
+#include "tests/support/HookedAddon.h"
+
+namespace {
+
+using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
+                              std::uint32_t*, void*);
+using Snapshot = void*(std::uint32_t, std::uint32_t);
+
+int TakeCode(DWORD code, DWORD* taken) {
+  *taken = code;
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
+// The caller's own __try. Answers the call's status, or the code of the exception that reached it.
+DWORD CompressCatching(Compress* compress, std::uint8_t* source) {
+  static std::uint8_t workspace[1 << 16];
+  std::uint8_t compressed[256];
+  std::uint32_t finalSize = 0;
+  DWORD code = 0;
+  __try {
+    return static_cast<DWORD>(compress(2, source, 128, compressed, sizeof compressed, 4096, &finalSize, workspace));
+  } __except (TakeCode(GetExceptionCode(), &code)) {
+    return code;
+  }
+}
+
+class ExceptionsWin32 : public test::HookedAddon {};
+
+TEST_F(ExceptionsWin32, FaultInTheRealFunctionReachesTheCallerAndTheHookReportsAgain) {
+  ASSERT_NO_FATAL_FAILURE(Start());  // every slot holds the real function
+  auto* compress = Handler<Compress>(L"RtlCompressBuffer");
+  EXPECT_EQ(CompressCatching(compress, reinterpret_cast<std::uint8_t*>(16)), 0xC0000005u);
+  std::uint8_t text[128];
+  std::fill(std::begin(text), std::end(text), 'k');
+  EXPECT_EQ(CompressCatching(compress, text), 0u);
+  EXPECT_EQ(registry_.eventGenerator.Events().size(), 1u) << "the guard was left when the fault unwound it";
+}
+
+void* HostSnapshot(std::uint32_t, std::uint32_t) {
+  SetLastError(0x7B);
+  return reinterpret_cast<void*>(0x1234);
+}
+
+TEST_F(ExceptionsWin32, ExceptionOfAnotherCppRuntimeFromTheHostIsSwallowed) {
+  registry_.eventGenerator.raiseCode = 0xE06D7363;  // what a throw compiled by Microsoft's compiler raises
+  ASSERT_NO_FATAL_FAILURE(Start({{L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)}}));
+  for (int call = 0; call < 2; ++call) {
+    SetLastError(1);
+    EXPECT_EQ(Handler<Snapshot>(L"CreateToolhelp32Snapshot")(2, 0), reinterpret_cast<void*>(0x1234));
+    EXPECT_EQ(GetLastError(), 0x7Bu);
+  }
+  EXPECT_EQ(registry_.eventGenerator.Events().size(), 2u);
+}
+
+}  // namespace
