@@ -28,10 +28,11 @@ struct CompressBufferEvent {
     if (!limit.Admit(now)) {
       return;
     }
-    EventPayload<kCompressBufferPayloadSize> payload(compressBufferOperation, GetProcessCreationTime());
-    payload.Append(formatAndEngine);
-    payload.Append(uncompressedSize);
-    payload.Append(compressedSize);  // the capacity offered, not the final compressed size
+    const auto payload =
+        StartEventPayload<compressBufferOperation, kCompressBufferPayloadSize>(GetProcessCreationTime())
+            .Append(formatAndEngine)
+            .Append(uncompressedSize)
+            .Append(compressedSize);  // the capacity offered, not the final compressed size
     const HRESULT result = Send(payload.data(), payload.size());
     if (AccountFor(result) == SendOutcome::Failed) {
       KESTREL_LOG_AT_LINE(82, Error, L"Failed sending ETW event for operation RtlCompressBuffer! HRESULT: 0x%08x",
@@ -47,9 +48,10 @@ struct ProcessSnapshotEvent {
     if (handle == nullptr) {
       return;
     }
-    EventPayload<kProcessSnapshotPayloadSize> payload(processSnapshotOperation, GetProcessCreationTime());
-    payload.Append(flags);
-    payload.Append(processId);
+    const auto payload =
+        StartEventPayload<processSnapshotOperation, kProcessSnapshotPayloadSize>(GetProcessCreationTime())
+            .Append(flags)
+            .Append(processId);
     const HRESULT result = Send(payload.data(), payload.size());
     if (AccountFor(result) == SendOutcome::Failed) {
       KESTREL_LOG_AT_LINE(140, Error,
