@@ -1,20 +1,34 @@
-# The Wine prefix lives in the build tree and is created here, once, at configure time: creating
-# it lazily inside the first test discovery takes longer than discovery may.
+# The Wine prefix lives in the build tree and is made here, once, at configure time: making it
+# lazily inside the first test discovery takes longer than discovery may. Windows x64 programs
+# run under this machine's Wine; Arm64 ones under Wine arm64 in its own Debian root
+# (scripts/arm64-wine) through qemu, with a copy of that root's booted prefix.
 set(KESTREL_WINEPREFIX ${CMAKE_BINARY_DIR}/wineprefix)
 set(KESTREL_WINE_RUN ${CMAKE_BINARY_DIR}/wine-run)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/wine-run.in ${KESTREL_WINE_RUN} @ONLY
-               FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${KESTREL_WINE_RUN})
-
-if(NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
-  message(STATUS "Creating Wine prefix ${KESTREL_WINEPREFIX}")
-  execute_process(
-    COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${KESTREL_WINEPREFIX} WINEARCH=win64 WINEDEBUG=-all
-            WINEDLLOVERRIDES=mscoree,mshtml= /usr/lib/wine/wine64 wineboot -i
-    RESULT_VARIABLE wineboot_result OUTPUT_QUIET ERROR_QUIET)
-  execute_process(COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${KESTREL_WINEPREFIX}
-                          /usr/lib/wine/wineserver -w ERROR_QUIET)
-  if(NOT wineboot_result EQUAL 0 OR NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
-    message(FATAL_ERROR "wineboot could not create ${KESTREL_WINEPREFIX}")
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "ARM64")
+  execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/arm64-wine --root OUTPUT_VARIABLE KESTREL_WINE_ROOT
+                  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  set(KESTREL_WINE_DLLS ${KESTREL_WINE_ROOT}/usr/lib/aarch64-linux-gnu/wine/aarch64-windows)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/wine-run-arm64.in ${KESTREL_WINE_RUN} @ONLY
+                 FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+  if(NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
+    message(STATUS "Copying the booted Wine arm64 prefix to ${KESTREL_WINEPREFIX}")
+    execute_process(COMMAND cp -a ${KESTREL_WINE_ROOT}/opt/wineprefix ${KESTREL_WINEPREFIX} COMMAND_ERROR_IS_FATAL ANY)
+  endif()
+else()
+  set(KESTREL_WINE_DLLS /usr/lib/x86_64-linux-gnu/wine/x86_64-windows)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/wine-run.in ${KESTREL_WINE_RUN} @ONLY
+                 FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+  if(NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
+    message(STATUS "Creating Wine prefix ${KESTREL_WINEPREFIX}")
+    execute_process(
+      COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${KESTREL_WINEPREFIX} WINEARCH=win64 WINEDEBUG=-all
+              WINEDLLOVERRIDES=mscoree,mshtml= /usr/lib/wine/wine64 wineboot -i
+      RESULT_VARIABLE wineboot_result OUTPUT_QUIET ERROR_QUIET)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${KESTREL_WINEPREFIX}
+                            /usr/lib/wine/wineserver -w ERROR_QUIET)
+    if(NOT wineboot_result EQUAL 0 OR NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
+      message(FATAL_ERROR "wineboot could not create ${KESTREL_WINEPREFIX}")
+    endif()
   endif()
 endif()
+set(CMAKE_CROSSCOMPILING_EMULATOR ${KESTREL_WINE_RUN})

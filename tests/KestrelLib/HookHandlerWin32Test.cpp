@@ -43,13 +43,24 @@ void* RealAllocateWithoutTls(void*, std::uint32_t, std::size_t size) {
   return reinterpret_cast<void*>(size);
 }
 
-#if defined(__x86_64__) && !defined(__arm64ec__)
+// The TEB's ThreadLocalStoragePointer field of the calling thread (gs on x64, x18 on Arm64).
+void* volatile* TlsArrayField() {
+  char* teb;
+#if defined(__x86_64__)
+  __asm__("movq %%gs:0x30, %0" : "=r"(teb));
+#else
+  __asm__("mov %0, x18" : "=r"(teb));
+#endif
+  return reinterpret_cast<void* volatile*>(teb + 0x58);
+}
+
+// As early in a thread's start: the field is null for the length of the call.
 __attribute__((noinline)) void* CallWithoutTlsArray(tessel::RtlAllocateHeapFunction* handler) {
-  void* saved;
-  __asm__ volatile("movq %%gs:0x58, %0" : "=r"(saved));
-  __asm__ volatile("movq %0, %%gs:0x58" : : "r"(static_cast<void*>(nullptr)) : "memory");
+  void* volatile* field = TlsArrayField();
+  void* saved = *field;
+  *field = nullptr;
   void* result = handler(nullptr, 0, 24);
-  __asm__ volatile("movq %0, %%gs:0x58" : : "r"(saved) : "memory");
+  *field = saved;
   return result;
 }
 
@@ -62,6 +73,5 @@ TEST(HandlerWin32, ThreadWithoutTlsArrayCallsTheRealFunctionAndTouchesNoThreadLo
   EXPECT_EQ(realCallsWithoutTls, 1);
   EXPECT_EQ(tessel::threadHookGuard.activeBits, 0u);
 }
-#endif
 
 }  // namespace

@@ -90,7 +90,9 @@ int main(int argc, char** argv) {
   const Options options = Parse(argc, argv);
   auto& out = host::Out();
 
-  HMODULE addonModule = LoadLibraryW(L"Kestrel.dll");
+  // Kestrel.dll beside the host, or the file KESTREL_DLL names (an ARM64X image built elsewhere).
+  const wchar_t* addonPath = _wgetenv(L"KESTREL_DLL");
+  HMODULE addonModule = LoadLibraryW(addonPath != nullptr && *addonPath != L'\0' ? addonPath : L"Kestrel.dll");
   out.Step("LoadLibrary", addonModule != nullptr ? S_OK : HRESULT_FROM_WIN32(GetLastError()));
   if (addonModule == nullptr) {
     return 1;

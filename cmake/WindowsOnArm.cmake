@@ -1,0 +1,30 @@
+# Windows on Arm with clang 22, the mingw-w64 UCRT runtime, libc++ and libunwind, linked
+# statically by lld: the toolchain scripts/arm64-toolchain builds from Debian's sources. Every
+# tool runs inside that toolchain's root through the links in cmake/arm64/. Included by the
+# toolchain file of each triple, which sets KESTREL_MINGW_TRIPLE first.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR ARM64)
+# Carried into CMake's compiler checks, which run this file again in their own projects.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_MINGW_TRIPLE)
+
+set(tools ${CMAKE_CURRENT_LIST_DIR}/arm64)
+set(CMAKE_C_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-clang)
+set(CMAKE_CXX_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-clang++)
+set(CMAKE_RC_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-windres)
+set(CMAKE_AR ${tools}/llvm-ar CACHE FILEPATH "")
+set(CMAKE_RANLIB ${tools}/llvm-ranlib CACHE FILEPATH "")
+set(CMAKE_NM ${tools}/llvm-nm CACHE FILEPATH "")
+set(CMAKE_OBJDUMP ${tools}/llvm-objdump CACHE FILEPATH "")
+# What the image check reads the built DLL with.
+set(KESTREL_LLVM_TOOLS ${tools}/)
+
+set(CMAKE_C_FLAGS_INIT "-fms-extensions")
+set(CMAKE_CXX_FLAGS_INIT "-fms-extensions")
+# Static runtime: nothing but system DLLs and the UCRT next to Kestrel.dll.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
+
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)

@@ -1,0 +1,4 @@
+# Windows Arm64 (native view).
+set(KESTREL_MINGW_TRIPLE aarch64-w64-mingw32)
+set(KESTREL_IMAGE_MACHINE arm64)
+include(${CMAKE_CURRENT_LIST_DIR}/WindowsOnArm.cmake)
