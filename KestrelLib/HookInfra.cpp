@@ -1,5 +1,6 @@
 #include "KestrelLib/HookInfra.h"
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -165,7 +166,8 @@ void HookInfra::ApplyTraps(HMODULE base, const wchar_t* name, const wchar_t* pat
       continue;
     }
     KESTREL_LOG(Verbose, L"Requesting hook on API %s!%S at address %p", name, entry.functionName, target);
-    *trap.callThroughSlot = target;
+    // A handler of this trap from before an unload may be reading the slot on another thread.
+    std::atomic_ref<void*>(*trap.callThroughSlot).store(target, std::memory_order_relaxed);
     const std::wstring wideName = Widen(entry.functionName);
     const HRESULT result = com::Required(service)->SetHook(wideName.c_str(), trap.callThroughSlot, trap.handler);
     if (result == S_OK) {

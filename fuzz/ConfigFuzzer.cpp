@@ -1,5 +1,6 @@
 // Arbitrary UTF-16 text as the host's configuration document, read through the same path as
-// initialisation: never a crash, and the flag changes only when the document decodes.
+// initialisation, with a log function installed so that every parser message is formatted
+// into the failure record: never a crash, and the flag changes only when the document decodes.
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -7,6 +8,7 @@
 
 #include "KestrelLib/Globals.h"
 #include "KestrelLib/KestrelConfig.h"
+#include "logging/LogFunction.h"
 
 namespace {
 
@@ -31,6 +33,7 @@ class FuzzedConfig final : public _ITarnConfig {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static FuzzedConfig config;
   tessel::Globals::config = &config;
+  tessel::logging::logFunction = [](tessel::LogLevel, std::string_view, unsigned, std::wstring_view) {};
 
   // Two bytes per code unit, as the host's UTF-16 text arrives on Windows.
   config.text.clear();

@@ -41,9 +41,14 @@ HRESULT FakeConfig::GetModuleConfiguration(BSTR* out) {
 }
 
 HRESULT FakeEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
+  std::size_t received = 0;
   {
     std::lock_guard lock(mutex_);
     events_.emplace_back(data, data + size);
+    received = events_.size();
+  }
+  if (loseEvery != 0 && received % loseEvery == 0) {
+    return static_cast<HRESULT>(0x80070008);
   }
 #ifdef _WIN32
   if (raiseCode != 0) {

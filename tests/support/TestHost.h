@@ -54,12 +54,13 @@ class FakeConfig final : public com::UnownedObject<_ITarnConfig> {
 
 class FakeEventGenerator final : public com::UnownedObject<_ITarnEventGenerator> {
  public:
-  // Records the event, then answers `result` (0x80070008: the host dropped it), or on Windows
-  // raises `raiseCode` when it is set.
+  // Records the event, then answers `result` (0x80070008: the host dropped it), or 0x80070008
+  // for every `loseEvery`-th event when that is set, or on Windows raises `raiseCode` when set.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
   std::vector<std::vector<BYTE>> Events() const;
 
   std::atomic<HRESULT> result{S_OK};
+  std::size_t loseEvery = 0;
   DWORD raiseCode = 0;
 
  private:
