@@ -51,6 +51,9 @@ def main():
     check(sorted(hooks) == sorted(["RtlCompressBuffer", "CreateToolhelp32Snapshot"] + HEAP), f"hook requests {sorted(hooks)}")
     check(all(line["result"] == "0x00000000" and line["importsPatched"] >= 1 for line in hooks.values()),
           "every hook set and patched")
+    check(all(hooks[name]["modulesPatched"] >= 3 for name in ["RtlAllocateHeap", "RtlFreeHeap"]),
+          f"the heap hooks routed in several modules: {[hooks.get(name) for name in HEAP]}")
+    check(len(steps(lines, "OnModuleLoad")) >= 10, "the modules already loaded announced from the loader's list")
     events = phases(lines)
     snapshots = [e for e in events.get("running", []) if e["operation"] == "CreateToolhelp32Snapshot"]
     compressions = [e for e in events.get("running", []) if e["operation"] == "RtlCompressBuffer"]

@@ -74,4 +74,13 @@ std::string DecodeEvent(std::span<const std::uint8_t> payload) {
   return event.dump();
 }
 
+std::string OperationOf(std::span<const std::uint8_t> payload) {
+  Reader reader(payload);
+  if (!reader.Has(2)) {
+    return {};
+  }
+  const auto nameLength = static_cast<std::size_t>(reader.Unsigned(2));
+  return reader.Has(nameLength) ? reader.Text(nameLength) : std::string();
+}
+
 }  // namespace host

@@ -10,4 +10,7 @@ namespace host {
 // bytes it cannot account for are reported as such rather than guessed at.
 std::string DecodeEvent(std::span<const std::uint8_t> payload);
 
+// The payload's operation name, or empty when it is too short to hold one.
+std::string OperationOf(std::span<const std::uint8_t> payload);
+
 }  // namespace host

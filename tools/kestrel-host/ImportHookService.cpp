@@ -1,6 +1,7 @@
 #include "tools/kestrel-host/ImportHookService.h"
 
 #include "libinfra/platform/Platform.h"
+#include "tools/kestrel-host/Modules.h"
 #include "tools/kestrel-host/Output.h"
 
 namespace host {
@@ -8,30 +9,27 @@ namespace {
 
 constexpr HRESULT kAccessDisabledByPolicy = static_cast<HRESULT>(0x800704EC);
 
-// Points every import of `function` (by name, from any module) in this executable at `target`;
-// returns how many entries changed.
-int PatchImports(const std::string& function, void* target) {
-  auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
-  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-  const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
+// Points every import address table entry of `module` that holds `real` at `handler`. The
+// loader has mapped and bound the module, so its tables are trusted as the loader's own.
+int PatchImports(HMODULE module, void* real, void* handler) {
+  auto* base = reinterpret_cast<BYTE*>(module);
+  const auto* nt =
+      reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
   const IMAGE_DATA_DIRECTORY& imports = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  if (imports.VirtualAddress == 0) {
+    return 0;
+  }
   int patched = 0;
-  for (auto* module = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress);
-       imports.VirtualAddress != 0 && module->Name != 0; ++module) {
-    auto* names = reinterpret_cast<const IMAGE_THUNK_DATA*>(base + module->OriginalFirstThunk);
-    auto* addresses = reinterpret_cast<IMAGE_THUNK_DATA*>(base + module->FirstThunk);
-    for (; names->u1.AddressOfData != 0; ++names, ++addresses) {
-      if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) {
-        continue;
-      }
-      const auto* byName = reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData);
-      if (function != reinterpret_cast<const char*>(byName->Name)) {
+  for (auto* descriptor = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress);
+       descriptor->Name != 0; ++descriptor) {
+    for (auto* entry = reinterpret_cast<ULONG_PTR*>(base + descriptor->FirstThunk); *entry != 0; ++entry) {
+      if (*entry != reinterpret_cast<ULONG_PTR>(real)) {
         continue;
       }
       DWORD protection = 0;
-      VirtualProtect(&addresses->u1.Function, sizeof(void*), PAGE_READWRITE, &protection);
-      addresses->u1.Function = reinterpret_cast<ULONG_PTR>(target);
-      VirtualProtect(&addresses->u1.Function, sizeof(void*), protection, &protection);
+      VirtualProtect(entry, sizeof *entry, PAGE_READWRITE, &protection);
+      __atomic_store_n(entry, reinterpret_cast<ULONG_PTR>(handler), __ATOMIC_RELAXED);
+      VirtualProtect(entry, sizeof *entry, protection, &protection);
       ++patched;
     }
   }
@@ -42,20 +40,50 @@ int PatchImports(const std::string& function, void* target) {
 
 HRESULT ImportHookService::SetHook(const wchar_t* functionName, void** targetSlot, void* handler) {
   const std::wstring name(functionName);
-  const std::string narrow = platform::Utf8FromWide(name);
   HRESULT result = S_OK;
   int patched = 0;
+  int modulesPatched = 0;
   if (policyExcluded_.count(name) != 0) {
     result = kAccessDisabledByPolicy;
   } else if (const auto failure = failures_.find(name); failure != failures_.end()) {
     result = failure->second;
   } else {
-    patched = PatchImports(narrow, handler);
+    {
+      std::lock_guard lock(mutex_);
+      routes_.push_back({*targetSlot, handler});
+      slots_[name] = targetSlot;
+    }
+    for (HMODULE module : LoadedModules()) {
+      const int inModule = PatchImports(module, *targetSlot, handler);
+      patched += inModule;
+      modulesPatched += inModule > 0 ? 1 : 0;
+    }
   }
-  char target[32];
-  std::snprintf(target, sizeof target, "%p", *targetSlot);
-  Out().Step("SetHook", result, {{"function", narrow}, {"target", target}, {"importsPatched", patched}});
+  if (report_) {
+    char target[32];
+    std::snprintf(target, sizeof target, "%p", *targetSlot);
+    Out().Step("SetHook", result,
+               {{"function", platform::Utf8FromWide(name)},
+                {"target", target},
+                {"importsPatched", patched},
+                {"modulesPatched", modulesPatched}});
+  }
   return result;
+}
+
+int ImportHookService::PatchModule(HMODULE module) {
+  std::lock_guard lock(mutex_);
+  int patched = 0;
+  for (const Route& route : routes_) {
+    patched += PatchImports(module, route.real, route.handler);
+  }
+  return patched;
+}
+
+void* ImportHookService::RealFunction(const std::wstring& functionName) const {
+  std::lock_guard lock(mutex_);
+  const auto slot = slots_.find(functionName);
+  return slot == slots_.end() ? nullptr : *slot->second;
 }
 
 }  // namespace host

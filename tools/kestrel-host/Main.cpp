@@ -1,13 +1,17 @@
-// kestrel-host: runs Kestrel.dll the way an agent does, with real services and real hooks.
+// kestrel-host: runs Kestrel.dll the way an agent does, with real services and real hooks: module
+// notifications from the loader itself, hooks routed for every module of the process.
 //   kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... [--fail NAME=HRESULT]...
 //   kestrel-host bench [--iterations N]
+//   kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]
 // Standard output is one JSON object a line: the host's steps with their HRESULTs, and the
-// add-on's events, decoded. The add-on's log records go to standard error.
+// add-on's events, decoded (a soak prints only its summary, as the last line). The add-on's
+// log records go to standard error.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,15 +19,21 @@
 #include "libinfra/com/Ptr.h"
 #include "libinfra/platform/Platform.h"
 #include "tools/kestrel-host/ImportHookService.h"
+#include "tools/kestrel-host/LoaderNotifications.h"
 #include "tools/kestrel-host/Output.h"
 #include "tools/kestrel-host/Services.h"
+#include "tools/kestrel-host/Soak.h"
 #include "tools/kestrel-host/Workload.h"
 
 namespace {
 
+enum class Mode { Run, Bench, Soak };
+
 struct Options {
-  bool bench = false;
+  Mode mode = Mode::Run;
   int iterations = 1'000'000;
+  int seconds = 30;
+  int threads = 4;
   std::wstring config = L"{}";
   unsigned loseEvery = 0;
   std::set<std::wstring> policyExcluded;
@@ -35,7 +45,8 @@ struct Options {
                "kestrel-host: %s\n"
                "usage: kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... "
                "[--fail NAME=HRESULT]...\n"
-               "       kestrel-host bench [--iterations N]\n",
+               "       kestrel-host bench [--iterations N]\n"
+               "       kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]\n",
                problem);
   std::exit(2);
 }
@@ -46,10 +57,11 @@ Options Parse(int argc, char** argv) {
   Options options;
   std::vector<std::string> args(argv + 1, argv + argc);
   std::size_t i = 0;
-  if (i < args.size() && (args[i] == "run" || args[i] == "bench")) {
-    options.bench = args[i++] == "bench";
+  if (i < args.size() && (args[i] == "run" || args[i] == "bench" || args[i] == "soak")) {
+    options.mode = args[i] == "run" ? Mode::Run : args[i] == "bench" ? Mode::Bench : Mode::Soak;
+    ++i;
   }
-  if (options.bench) {
+  if (options.mode != Mode::Run) {
     options.config = L"{\"flags\":{\"hookHeapAllocator\":true}}";
   }
   for (; i < args.size(); ++i) {
@@ -68,6 +80,10 @@ Options Parse(int argc, char** argv) {
       options.loseEvery = static_cast<unsigned>(std::strtoul(value.c_str(), nullptr, 10));
     } else if (option == "--iterations") {
       options.iterations = std::max(100, std::atoi(value.c_str()));
+    } else if (option == "--seconds") {
+      options.seconds = std::max(1, std::atoi(value.c_str()));
+    } else if (option == "--threads") {
+      options.threads = std::max(1, std::atoi(value.c_str()));
     } else if (option == "--policy-exclude") {
       options.policyExcluded.insert(Wide(value));
     } else if (option == "--fail" && value.find('=') != std::string::npos) {
@@ -120,28 +136,49 @@ int main(int argc, char** argv) {
     return 1;
   }
 
+  const bool soak = options.mode == Mode::Soak;
   host::StderrLogger logger;
   host::FileConfig config(options.config);
-  host::PrintingEventGenerator events(options.loseEvery);
+  host::PrintingEventGenerator events(options.loseEvery, !soak);
   host::ModuleEventsPoint point;
   host::ModuleEventsContainer container(point);
   host::ServiceProvider provider(logger, config, events, container);
-  host::ImportHookService hooks(options.policyExcluded, options.failures);
+  host::ImportHookService hooks(options.policyExcluded, options.failures, true);
 
   result = addon->Initialize(&provider);
   out.Step("Initialize", result);
+  std::optional<host::LoaderNotifications> notifications;
   if (SUCCEEDED(result) && point.Sink() != nullptr) {
-    host::AnnounceLoadedModules(*point.Sink(), hooks);
+    notifications.emplace(*point.Sink(), hooks, !soak);
   }
-  if (options.bench) {
-    host::RunBench(options.iterations);
-  } else {
-    host::RunWorkload("running");
-    out.Step("Stop", addon->Stop());
+  nlohmann::json summary;
+  switch (options.mode) {
+    case Mode::Bench:
+      host::RunBench(options.iterations);
+      break;
+    case Mode::Soak:
+      summary = host::RunSoak(options.seconds, options.threads, hooks);
+      summary["importsPatchedOnLoad"] = notifications ? notifications->ImportsPatchedOnLoad() : 0;
+      break;
+    case Mode::Run:
+      host::RunWorkload("running");
+      break;
+  }
+  out.Step("Stop", addon->Stop());
+  if (options.mode == Mode::Run) {
     host::RunWorkload("stopped");
   }
+  notifications.reset();
   addon = {};
   out.Step("Release", S_OK);
   out.Step("DllCanUnloadNow", canUnloadNow());
+  if (soak) {
+    const nlohmann::json counts = events.Counts();
+    summary["eventsReceived"] = counts["received"];
+    summary["eventsDropped"] = counts["dropped"];
+    summary["events"] = counts["byOperation"];
+    summary["lostEventsLogged"] = logger.LargestLostCount();
+    out.Line(summary.dump());
+  }
   return SUCCEEDED(result) ? 0 : 1;
 }

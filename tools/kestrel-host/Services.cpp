@@ -1,6 +1,8 @@
 #include "tools/kestrel-host/Services.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 #include "tools/kestrel-host/EventDecoder.h"
 #include "tools/kestrel-host/Output.h"
@@ -38,6 +40,13 @@ HRESULT Hand(Interface& service, void** object) {
 
 HRESULT StderrLogger::Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) {
   std::fprintf(stderr, "%s %s:%u %s\n", LevelName(level), file, line, message);
+  constexpr std::string_view kLostEvents = "Lost events count; count = ";
+  if (std::string_view(message).starts_with(kLostEvents)) {
+    const int count = std::atoi(message + kLostEvents.size());
+    int largest = largestLostCount_.load();
+    while (count > largest && !largestLostCount_.compare_exchange_weak(largest, count)) {
+    }
+  }
   return S_OK;
 }
 
@@ -46,14 +55,38 @@ HRESULT FileConfig::GetModuleConfiguration(BSTR* json) {
   return *json == nullptr ? E_OUTOFMEMORY : S_OK;
 }
 
+PrintingEventGenerator::Tally& PrintingEventGenerator::TallyOf(std::span<const std::uint8_t> payload) {
+  const std::string operation = OperationOf(payload);
+  return operation == "CreateToolhelp32Snapshot" ? snapshots_
+         : operation == "RtlCompressBuffer"      ? compressions_
+                                                 : others_;
+}
+
 HRESULT PrintingEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
-  const unsigned number = received_.fetch_add(1) + 1;
+  const unsigned number = sent_.fetch_add(1) + 1;
+  Tally& tally = TallyOf({data, size});
   if (loseEvery_ != 0 && number % loseEvery_ == 0) {
-    Out().Step("SendEvent", kEventLost, {{"dropped", number}});
+    ++tally.dropped;
+    if (print_) {
+      Out().Step("SendEvent", kEventLost, {{"dropped", number}});
+    }
     return kEventLost;
   }
-  Out().Line(DecodeEvent({data, size}));
+  ++tally.received;
+  if (print_) {
+    Out().Line(DecodeEvent({data, size}));
+  }
   return S_OK;
+}
+
+nlohmann::json PrintingEventGenerator::Counts() const {
+  const auto counts = [](const Tally& tally) {
+    return nlohmann::json{{"received", tally.received.load()}, {"dropped", tally.dropped.load()}};
+  };
+  return {{"received", snapshots_.received + compressions_.received + others_.received},
+          {"dropped", snapshots_.dropped + compressions_.dropped + others_.dropped},
+          {"byOperation",
+           {{"CreateToolhelp32Snapshot", counts(snapshots_)}, {"RtlCompressBuffer", counts(compressions_)}}}};
 }
 
 HRESULT ModuleEventsPoint::GetConnectionInterface(IID* iid) {

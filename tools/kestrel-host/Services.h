@@ -3,6 +3,9 @@
 // event generator that decodes and prints every event, the connection point for module
 // notifications, and the service provider that pairs each with its ids.
 #include <atomic>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <span>
 #include <string>
 
 #include "addon/HostInterfaces.h"
@@ -14,6 +17,11 @@ class StderrLogger final : public com::UnownedObject<_ITarnLogger> {
  public:
   // LEVEL file:line text
   HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) override;
+  // The largest count the add-on's lost-events records reported (0: none).
+  int LargestLostCount() const { return largestLostCount_.load(); }
+
+ private:
+  std::atomic<int> largestLostCount_{0};
 };
 
 class FileConfig final : public com::UnownedObject<_ITarnConfig> {
@@ -32,12 +40,27 @@ class FileConfig final : public com::UnownedObject<_ITarnConfig> {
 class PrintingEventGenerator final : public com::UnownedObject<_ITarnEventGenerator> {
  public:
   // Every loseEvery-th event (0: none) is answered 0x80070008, as a host that had to drop it.
-  explicit PrintingEventGenerator(unsigned loseEvery) : loseEvery_(loseEvery) {}
+  // `print`: each event decoded on a line of its own (and each drop reported).
+  PrintingEventGenerator(unsigned loseEvery, bool print) : loseEvery_(loseEvery), print_(print) {}
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
 
+  // Events taken and dropped, in all and by operation:
+  // {"received": n, "dropped": n, "byOperation": {"CreateToolhelp32Snapshot": {"received": n, "dropped": n}, ...}}
+  nlohmann::json Counts() const;
+
  private:
+  struct Tally {
+    std::atomic<unsigned> received{0};
+    std::atomic<unsigned> dropped{0};
+  };
+  Tally& TallyOf(std::span<const std::uint8_t> payload);
+
   unsigned loseEvery_;
-  std::atomic<unsigned> received_{0};
+  bool print_;
+  std::atomic<unsigned> sent_{0};
+  Tally snapshots_;
+  Tally compressions_;
+  Tally others_;
 };
 
 class ModuleEventsPoint final : public com::UnownedObject<IConnectionPoint> {

@@ -2,40 +2,18 @@
 
 #include <algorithm>
 #include <chrono>
-#include <psapi.h>
 #include <tlhelp32.h>
-#include <vector>
 
+#include "tools/kestrel-host/NtdllImports.h"
 #include "tools/kestrel-host/Output.h"
-
-// The ntdll functions the workload imports (mingw-w64 declares them without these flags).
-extern "C" {
-__declspec(dllimport) LONG NTAPI
-    RtlGetCompressionWorkSpaceSize(USHORT format, PULONG workspaceSize, PULONG fragmentSize);
-__declspec(dllimport) LONG NTAPI
-    RtlCompressBuffer(USHORT format, PUCHAR uncompressed, ULONG uncompressedSize, PUCHAR compressed,
-                      ULONG compressedSize, ULONG chunkSize, PULONG finalSize, PVOID workspace);
-__declspec(dllimport) PVOID NTAPI RtlAllocateHeap(PVOID heap, ULONG flags, SIZE_T size);
-__declspec(dllimport) PVOID NTAPI RtlReAllocateHeap(PVOID heap, ULONG flags, PVOID base, SIZE_T size);
-__declspec(dllimport) SIZE_T NTAPI RtlCompactHeap(PVOID heap, ULONG flags);
-__declspec(dllimport) BOOLEAN NTAPI RtlFreeHeap(PVOID heap, ULONG flags, PVOID base);
-}
 
 namespace host {
 namespace {
 
-constexpr USHORT kLznt1Standard = 0x0002;  // COMPRESSION_FORMAT_LZNT1 | COMPRESSION_ENGINE_STANDARD
 constexpr int kCompressionBurst = 5;
 
-std::string Narrow(const wchar_t* text) {
-  std::string narrow;
-  for (; *text != L'\0'; ++text) {
-    narrow += *text < 0x80 ? static_cast<char>(*text) : '?';
-  }
-  return narrow;
-}
+}  // namespace
 
-// 4 KiB that LZNT1 can compress but that is not all zeros (which has its own status).
 std::vector<UCHAR> SampleData() {
   std::vector<UCHAR> data(4096);
   for (std::size_t i = 0; i < data.size(); ++i) {
@@ -44,6 +22,8 @@ std::vector<UCHAR> SampleData() {
   return data;
 }
 
+namespace {
+
 LONG CompressOnce(std::vector<UCHAR>& data, std::vector<UCHAR>& workspace) {
   std::vector<UCHAR> compressed(4500);
   ULONG finalSize = 0;
@@ -51,28 +31,13 @@ LONG CompressOnce(std::vector<UCHAR>& data, std::vector<UCHAR>& workspace) {
                            static_cast<ULONG>(compressed.size()), 4096, &finalSize, workspace.data());
 }
 
+}  // namespace
+
 std::vector<UCHAR> CompressionWorkspace() {
   ULONG workspaceSize = 0;
   ULONG fragmentSize = 0;
   RtlGetCompressionWorkSpaceSize(kLznt1Standard, &workspaceSize, &fragmentSize);
   return std::vector<UCHAR>(workspaceSize);
-}
-
-}  // namespace
-
-void AnnounceLoadedModules(_ITarnDllEvents& sink, IUnknown& hookService) {
-  HMODULE modules[512];
-  DWORD needed = 0;
-  EnumProcessModules(GetCurrentProcess(), modules, sizeof modules, &needed);
-  const DWORD count = std::min<DWORD>(needed / sizeof(HMODULE), 512);
-  for (DWORD i = 0; i < count; ++i) {
-    wchar_t name[MAX_PATH];
-    wchar_t path[MAX_PATH];
-    GetModuleBaseNameW(GetCurrentProcess(), modules[i], name, MAX_PATH);
-    GetModuleFileNameW(modules[i], path, MAX_PATH);
-    const HRESULT result = sink.OnModuleLoad(modules[i], 1, name, path, 0, &hookService);
-    Out().Step("OnModuleLoad", result, {{"module", Narrow(name)}});
-  }
 }
 
 void RunWorkload(const char* phase) {

@@ -1,12 +1,16 @@
 #pragma once
 // What the host runs once the add-on is initialised.
+#include <vector>
+
 #include "addon/HostInterfaces.h"
 
 namespace host {
 
-// Tells the add-on about every module already loaded, as an agent does after subscribing:
-// OnModuleLoad with name, path and base, and the hook service object.
-void AnnounceLoadedModules(_ITarnDllEvents& sink, IUnknown& hookService);
+// 4 KiB that LZNT1 can compress but that is not all zeros (which has its own status).
+std::vector<UCHAR> SampleData();
+
+// A workspace for LZNT1 compression, sized as ntdll asks.
+std::vector<UCHAR> CompressionWorkspace();
 
 // Calls the hooked functions through this executable's import table: process snapshots, a
 // burst of LZNT1 compressions within one second, and heap allocations.
