@@ -72,7 +72,7 @@ BENCHMARK(FindExportEveryName)->Name("FindExport2000/checked");
 
 void LoadModuleWithoutTraps(benchmark::State& state) {
   static test::FakeRegistry registry;
-  tessel::Globals::cpContainer = &registry.cpContainer;
+  tessel::Globals::cpContainer = &registry.connectionPoint;
   com::Ptr<tessel::HookInfra> infra = com::Make<tessel::HookInfra>();
   const test::PeImage user32 =
       test::PeImageBuilder().Export("MessageBoxW").VersionResource(test::BuildVersionBlock({})).Build();

@@ -1,10 +1,9 @@
-// The global objects: acquisition order, the re-initialisation guard, and the failure path
-// that deliberately leaves a half-built set in place.
+// The global objects' release, and the log function that reaches the host's logger. (How they
+// are built, and what a failure leaves, is tested through the module's exports.)
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 #include "KestrelLib/Globals.h"
+#include "KestrelLib/HostLogger.h"
 #include "libinfra/com/HResultError.h"
 #include "logging/LogFunction.h"
 #include "tests/support/TestHost.h"
@@ -12,101 +11,49 @@
 namespace {
 
 using tessel::Globals;
-using test::LogRecord;
 
-HRESULT InitializeResult(IServiceProvider* registry) {
-  try {
-    Globals::initialize(registry);
-    return S_OK;
-  } catch (const com::HResultError& error) {
-    return error.code();
-  }
-}
-
-TEST(Globals, NullRegistryIsAnInvalidArgument) {
-  try {
-    Globals::initialize(nullptr);
-    FAIL() << "no exception";
-  } catch (const std::invalid_argument& error) {
-    EXPECT_STREQ(error.what(), "Registry pointer is null");
-  }
-  EXPECT_EQ(Globals::registry, nullptr);
-}
-
-TEST(Globals, SuccessFillsEverySlot) {
+TEST(Globals, ReleaseGivesBackEveryServiceUpToTheFirstEmptySlot) {
   test::FakeRegistry registry;
-  ASSERT_EQ(InitializeResult(&registry), S_OK);
-  EXPECT_EQ(Globals::registry, &registry);
-  EXPECT_EQ(Globals::logger, &registry.logger);
-  EXPECT_EQ(Globals::config, &registry.config);
-  EXPECT_EQ(Globals::eventGenerator, &registry.eventGenerator);
-  EXPECT_EQ(Globals::cpContainer, &registry.cpContainer);
-  EXPECT_NE(Globals::hookInfra, nullptr);
-  EXPECT_EQ(registry.connectionPoint.sink, Globals::hookInfra) << "the hook infrastructure is the subscribed sink";
-  EXPECT_TRUE(tessel::logging::logFunction);
-}
-
-TEST(Globals, SecondInitializeOnlyLogsThatItSkips) {
-  test::FakeRegistry registry;
-  ASSERT_EQ(InitializeResult(&registry), S_OK);
-  test::FakeRegistry second;
-  ASSERT_EQ(InitializeResult(&second), S_OK);
-  EXPECT_TRUE(second.calls.empty());
-  EXPECT_EQ(second.References(), 0u);
-  EXPECT_EQ(registry.calls.size(), 7u);  // four queries, the configuration read, the subscription
-  EXPECT_EQ(registry.References(), 1u);
-  EXPECT_EQ(registry.logger.RecordsFrom("Globals.cpp"),
-            (std::vector<LogRecord>{
-                {4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}}));
-}
-
-TEST(Globals, FailedQueryLeavesTheFilledSlotsAndEscapesAsEPointer) {
-  test::FakeRegistry registry;
-  registry.Fail(test::Service::EventGenerator, E_NOINTERFACE);
-  EXPECT_EQ(InitializeResult(&registry), E_POINTER);
-  EXPECT_EQ(Globals::registry, &registry);
-  EXPECT_EQ(Globals::logger, &registry.logger);
-  EXPECT_EQ(Globals::config, &registry.config);
-  EXPECT_EQ(Globals::eventGenerator, nullptr);
-  EXPECT_EQ(Globals::cpContainer, nullptr);
-  EXPECT_TRUE(tessel::logging::logFunction);
-  EXPECT_EQ(registry.config.References(), 1u);
-}
-
-TEST(Globals, ReleaseEmptiesEverySlotWhenAllAreFilled) {
-  test::FakeRegistry registry;
-  ASSERT_EQ(InitializeResult(&registry), S_OK);
-
+  Globals::initialize(&registry);
+  EXPECT_THROW(Globals::initialize(nullptr), std::invalid_argument);
+  test::FakeRegistry other;
+  Globals::initialize(&other);
   Globals::release();
-  EXPECT_EQ(registry.logger.RecordsFrom("Globals.cpp"),
-            (std::vector<LogRecord>{{4, "Globals.cpp", 88, "Releasing global objects"}}));
-  EXPECT_EQ(Globals::hookInfra, nullptr);
-  for (const ULONG references : {registry.eventGenerator.References(), registry.cpContainer.References(),
-                                 registry.config.References(), registry.logger.References(), registry.References()}) {
+  EXPECT_EQ(registry.logger.Records("Globals.cpp").back(),
+            (test::LogRecord{4, "Globals.cpp", 88, "Releasing global objects"}));
+  for (const ULONG references : {registry.eventGenerator.References(), registry.config.References(),
+                                 registry.logger.References(), registry.References()}) {
     EXPECT_EQ(references, 0u);
   }
-  EXPECT_FALSE(tessel::logging::logFunction);
+  EXPECT_EQ(Globals::hookInfra, nullptr);
   EXPECT_EQ(Globals::registry, nullptr);
+  EXPECT_FALSE(tessel::logging::logFunction);
+
+  test::FakeRegistry halfBuilt;
+  Globals::initialize(&halfBuilt);
+  halfBuilt.config.Release();
+  Globals::config = nullptr;
+  EXPECT_THROW(Globals::release(), com::HResultError);
+  EXPECT_TRUE(Globals::eventGenerator == nullptr && Globals::cpContainer == nullptr);
+  EXPECT_TRUE(tessel::logging::logFunction) << "slots after the empty one stay as they are";
+  EXPECT_EQ(Globals::logger, &halfBuilt.logger);
 }
 
-TEST(Globals, ReleaseStopsAtTheFirstEmptySlot) {
-  test::FakeRegistry registry;
-  ASSERT_EQ(InitializeResult(&registry), S_OK);
-  registry.config.Release();
-  Globals::config = nullptr;
-
-  try {
-    Globals::release();
-    FAIL() << "no exception";
-  } catch (const com::HResultError& error) {
-    EXPECT_EQ(error.code(), E_POINTER);
+TEST(HostLogger, SendsUtf8WithFileLineAndALevelFromOneToFive) {
+  test::RecordingLogger logger;
+  Globals::logger = &logger;
+  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"caf\u00e9 \u4e2d");
+  tessel::SendToHostLogger(tessel::LogLevel::Info, "f", 1, L"");
+  EXPECT_EQ(logger.Records(),
+            (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "caf\xc3\xa9 \xe4\xb8\xad"}, {4, "f", 1, ""}}));
+  std::vector<std::int32_t> levels;
+  for (const int level : {0, 1, 2, 3, 4, 5, 6, 255}) {
+    tessel::SendToHostLogger(static_cast<tessel::LogLevel>(level), "f", 1, L"m");
+    levels.push_back(logger.Records().back().level);
   }
-  EXPECT_EQ(Globals::hookInfra, nullptr);
-  EXPECT_EQ(Globals::eventGenerator, nullptr);
-  EXPECT_EQ(Globals::cpContainer, nullptr);
-  EXPECT_TRUE(tessel::logging::logFunction) << "slots after the empty one stay as they are";
-  EXPECT_EQ(Globals::logger, &registry.logger);
-  EXPECT_EQ(Globals::registry, &registry);
+  EXPECT_EQ(levels, (std::vector<std::int32_t>{4, 1, 2, 3, 4, 5, 4, 4}));
+  Globals::logger = nullptr;
+  EXPECT_THROW(tessel::SendToHostLogger(tessel::LogLevel::Info, "f", 1, L"m"), com::HResultError);
 }
 
 }  // namespace

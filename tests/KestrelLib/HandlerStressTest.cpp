@@ -56,9 +56,8 @@ TEST(HandlerStress, HandlersNotificationsAndLifecycleTogether) {
   registry.eventGenerator.loseEvery = 7;
   com::Ptr<KestrelAddon> addon = com::Make<KestrelAddon>();
   ASSERT_EQ(addon->Initialize(&registry), S_OK);
-  com::Ptr<_ITarnDllEvents> sink;
-  ASSERT_EQ(registry.connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(sink.Put())),
-            S_OK);
+  _ITarnDllEvents* sink = registry.Sink();
+  ASSERT_NE(sink, nullptr);
   // The first loads set what the notifications below leave alone: later loads of kernel32 find
   // its hook applied, and ntdll's compression hook is refused by policy (its heap hooks are off).
   test::FakeHookService hooks;
@@ -141,7 +140,7 @@ TEST(HandlerStress, HandlersNotificationsAndLifecycleTogether) {
   const int lost = static_cast<int>(registry.eventGenerator.Events().size() / 7);
   EXPECT_EQ(tessel::lostEventsCount.load(), lost);
   std::vector<std::string> logged;
-  for (const test::LogRecord& record : registry.logger.RecordsFrom("PayloadSender.cpp")) {
+  for (const test::LogRecord& record : registry.logger.Records("PayloadSender.cpp")) {
     logged.push_back(record.text);
   }
   std::vector<std::string> expected{"Lost events count; count = 1"};

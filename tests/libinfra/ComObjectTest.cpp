@@ -23,32 +23,19 @@ class Widget final : public com::Object<Widget, IServiceProvider, IConnectionPoi
 
 std::int32_t LiveObjects() { return com::moduleObjectCount.load(); }
 
-TEST(ComObject, CountStartsAtOneAndTheObjectIsCountedUntilDestroyed) {
+TEST(ComObject, CountsReferencesAndLiveObjectsAndAnswersItsInterfacesWithOneIdentity) {
   const std::int32_t baseline = LiveObjects();
   bool destroyed = false;
   Widget* widget = com::Make<Widget>(destroyed).Detach();
   EXPECT_EQ(LiveObjects(), baseline + 1);
-  EXPECT_EQ(widget->AddRef(), 2u);
-  EXPECT_EQ(widget->Release(), 1u);
-  EXPECT_FALSE(destroyed);
-  EXPECT_EQ(widget->Release(), 0u);
-  EXPECT_TRUE(destroyed);
-  EXPECT_EQ(LiveObjects(), baseline);
-}
-
-TEST(ComObject, QueryInterfaceAnswersTheDeclaredInterfacesWithOneIdentity) {
-  bool destroyed = false;
-  com::Ptr<Widget> widget = com::Make<Widget>(destroyed);
   IUnknown* identity = nullptr;
   ASSERT_EQ(widget->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(&identity)), S_OK);
   for (const GUID& iid : {com::kIidIServiceProvider, com::kIidIConnectionPointContainer}) {
-    IUnknown* answer = nullptr;
-    ASSERT_EQ(widget->QueryInterface(iid, reinterpret_cast<void**>(&answer)), S_OK);
-    IUnknown* answerIdentity = nullptr;
-    ASSERT_EQ(answer->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(&answerIdentity)), S_OK);
-    EXPECT_EQ(answerIdentity, identity);
-    answerIdentity->Release();
-    answer->Release();
+    com::Ptr<IUnknown> answer;
+    com::Ptr<IUnknown> answerIdentity;
+    ASSERT_EQ(widget->QueryInterface(iid, reinterpret_cast<void**>(answer.Put())), S_OK);
+    ASSERT_EQ(answer->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(answerIdentity.Put())), S_OK);
+    EXPECT_EQ(answerIdentity.Get(), identity);
   }
   for (const GUID& iid :
        {com::kIidIClassFactory, com::kIidIWeakReference, test::kIidIAgileObject, test::kIidIMarshal}) {
@@ -57,9 +44,13 @@ TEST(ComObject, QueryInterfaceAnswersTheDeclaredInterfacesWithOneIdentity) {
     EXPECT_EQ(answer, nullptr);
   }
   EXPECT_EQ(widget->QueryInterface(com::kIidIUnknown, nullptr), E_POINTER);
-  identity->Release();
+  EXPECT_EQ(identity->Release(), 1u);
   EXPECT_EQ(widget->AddRef(), 2u);
-  widget->Release();
+  EXPECT_EQ(widget->Release(), 1u);
+  EXPECT_FALSE(destroyed);
+  EXPECT_EQ(widget->Release(), 0u);
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(LiveObjects(), baseline);
 }
 
 TEST(ComObject, WeakReferenceFailsToResolveAfterTheObjectDies) {

@@ -1,10 +1,12 @@
-// The typed formatter's scanning rules and writers, through LogMessage.
+// LogMessage and its typed formatter: what a record carries, each writer's rules (one row a
+// case), the formats it refuses, and what logging costs while no log function is installed.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <stdexcept>
 
 #include "logging/LogMessage.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/CapturedLog.h"
 
 namespace {
@@ -16,92 +18,70 @@ std::wstring Format(const wchar_t* format, const Args&... args) {
   return log.records.at(0).message;
 }
 
-const std::int32_t kEFail = static_cast<std::int32_t>(0x80004005);
-const std::uint16_t kBuild = 10;
-const std::int32_t kFive = 5;
-
-TEST(Formatter, ZeroFilledHexOfThirtyTwoBitValues) {
-  EXPECT_EQ(Format(L"HRESULT 0x%08x", kEFail), L"HRESULT 0x80004005");
-  EXPECT_EQ(Format(L"HRESULT 0x%08x", kFive), L"HRESULT 0x00000005");
-  EXPECT_EQ(Format(L"%X", std::uint32_t{0xabc}), L"ABC");
-  EXPECT_EQ(Format(L"%x", std::int32_t{-1}), L"ffffffff");
-  EXPECT_EQ(Format(L"%d", std::int32_t{-5}), L"-5");
-  EXPECT_EQ(Format(L"%d", std::uint32_t{4000000000u}), L"4000000000");
-}
-
-TEST(Formatter, FillAndWidth) {
-  EXPECT_EQ(Format(L"[%5d]", std::int32_t{42}), L"[   42]");
-  EXPECT_EQ(Format(L"[%05d]", std::int32_t{42}), L"[00042]");
-  EXPECT_EQ(Format(L"[%0x]", std::int32_t{255}), L"[ff]") << "a '0' without digits sets no width";
-  EXPECT_EQ(Format(L"[%5d|%d]", std::int32_t{1}, std::int32_t{2}), L"[    1|2]") << "width is per argument";
-  EXPECT_EQ(Format(L"[%05d|%3d]", std::int32_t{1}, std::int32_t{2}), L"[00001|  2]") << "fill is per argument";
-  EXPECT_EQ(Format(L"[%99999999999d]", std::int32_t{7}), L"[7]") << "a width that does not fit is ignored";
-  EXPECT_EQ(Format(L"[%5s]", L"ab"), L"[ab]") << "strings ignore width";
-  EXPECT_EQ(Format(L"[%8p]", reinterpret_cast<void*>(0x1234)), L"[0x1234]") << "pointers ignore width";
-}
-
-TEST(Formatter, FlagsAreRestoredAfterEachArgument) {
-  EXPECT_EQ(Format(L"%x %d", std::int32_t{255}, std::int32_t{10}), L"ff 10");
-  EXPECT_EQ(Format(L"%X %x", std::uint64_t{0xab}, std::uint64_t{0xcd}), L"AB cd");
-}
-
-TEST(Formatter, ThirtyTwoBitIntegersUnderUnknownConversionsAreDropped) {
-  EXPECT_EQ(Format(L"[%u]", kFive), L"[]");
-  EXPECT_EQ(Format(L"[%s]", kFive), L"[]");
-  EXPECT_EQ(Format(L"[%f]", kFive), L"[]");
-  EXPECT_EQ(Format(L"[%p]", kFive), L"[]");
-}
-
-TEST(Formatter, OtherIntegersFallBackToDecimal) {
-  EXPECT_EQ(Format(L"Loaded Dll version: %u", kBuild), L"Loaded Dll version: 10");
-  EXPECT_EQ(Format(L"[%d]", std::int64_t{-3}), L"[-3]");
-  EXPECT_EQ(Format(L"[%4u]", std::uint16_t{7}), L"[   7]");
-  EXPECT_EQ(Format(L"[%x]", std::uint64_t{0xfffffffff}), L"[fffffffff]");
-  EXPECT_EQ(Format(L"[%016X]", std::uint64_t{0xabc}), L"[0000000000000ABC]");
-  EXPECT_EQ(Format(L"[%p]", std::uint64_t{255}), L"[0xff]");
-  EXPECT_EQ(Format(L"[%u]", std::uint8_t{200}), L"[200]") << "bytes are numbers, not characters";
-}
-
-TEST(Formatter, StringsUnderTheirOwnConversionOnly) {
-  EXPECT_EQ(Format(L"%s!%S", L"ntdll", "RtlFreeHeap"), L"ntdll!RtlFreeHeap");
-  EXPECT_EQ(Format(L"[%s]", "narrow"), L"[]");
-  EXPECT_EQ(Format(L"[%S]", L"wide"), L"[]");
-  EXPECT_EQ(Format(L"[%S]", "caf\xc3\xa9"), L"[caf\u00e9]") << "narrow text is UTF-8";
-  EXPECT_EQ(Format(L"[%S]", ""), L"[]");
-  EXPECT_EQ(Format(L"[%s][%S]", std::wstring(L"a"), std::string("b")), L"[a][b]");
-}
-
-TEST(Formatter, PercentSigns) {
-  EXPECT_EQ(Format(L"100%% %d%%", std::int32_t{7}), L"100% 7%%")
-      << "'%%' before an argument is one '%', in the tail two";
-  EXPECT_EQ(Format(L"50%% %d %s"), L"50%% %d %s") << "without arguments the format is written verbatim";
-  EXPECT_EQ(Format(L"%k%d", std::int32_t{1}), L"%k1") << "an unknown conversion is written as it stands";
-  EXPECT_EQ(Format(L"%-5d %d", std::int32_t{1}), L"%-5d 1") << "no flags but '0'";
-}
-
-struct BadFormat {
-  const wchar_t* format;
-  const char* why;
-};
-
-class FormatterRefuses : public ::testing::TestWithParam<BadFormat> {};
-
-TEST_P(FormatterRefuses, ArgumentWithoutConversion) {
-  test::CapturedLog log;
-  try {
-    KESTREL_LOG(Info, GetParam().format, std::int32_t{1});
-    ADD_FAILURE() << GetParam().why;
-  } catch (const std::invalid_argument& error) {
-    EXPECT_STREQ(error.what(), "Format string does not contain a valid format specifier for the argument.");
+TEST(Formatter, WritesEachArgumentByItsTypeAndConversion) {
+  const std::int32_t fail = static_cast<std::int32_t>(0x80004005);
+  const std::int32_t five = 5;
+  const std::pair<std::wstring, std::wstring> rows[] = {
+      {Format(L"HRESULT 0x%08x", fail), L"HRESULT 0x80004005"},
+      {Format(L"HRESULT 0x%08x", five), L"HRESULT 0x00000005"},
+      {Format(L"%X %x %d", std::uint32_t{0xabc}, std::int32_t{-1}, std::int32_t{-5}), L"ABC ffffffff -5"},
+      {Format(L"%d", std::uint32_t{4000000000u}), L"4000000000"},
+      {Format(L"[%5d|%d]", std::int32_t{42}, std::int32_t{2}), L"[   42|2]"},     // width is per argument
+      {Format(L"[%05d|%3d]", std::int32_t{1}, std::int32_t{2}), L"[00001|  2]"},  // and so is the fill
+      {Format(L"[%0x]", std::int32_t{255}), L"[ff]"},                             // a '0' without digits sets no width
+      {Format(L"[%99999999999d]", std::int32_t{7}), L"[7]"},                      // a width that does not fit is none
+      {Format(L"[%5s][%8p]", L"ab", reinterpret_cast<void*>(0x1234)), L"[ab][0x1234]"},  // no width for these
+      {Format(L"%x %d", std::int32_t{255}, std::int32_t{10}), L"ff 10"},                 // flags are restored
+      {Format(L"%X %x", std::uint64_t{0xab}, std::uint64_t{0xcd}), L"AB cd"},
+      {Format(L"[%u][%s][%f][%p]", five, five, five, five), L"[][][][]"},  // 32-bit values elsewhere: dropped
+      {Format(L"Loaded Dll version: %u", std::uint16_t{10}), L"Loaded Dll version: 10"},
+      {Format(L"[%d][%4u]", std::int64_t{-3}, std::uint16_t{7}), L"[-3][   7]"},  // others: decimal
+      {Format(L"[%x][%016X]", std::uint64_t{0xfffffffff}, std::uint64_t{0xabc}), L"[fffffffff][0000000000000ABC]"},
+      {Format(L"[%p][%u]", std::uint64_t{255}, std::uint8_t{200}), L"[0xff][200]"},
+      {Format(L"%s!%S", L"ntdll", "RtlFreeHeap"), L"ntdll!RtlFreeHeap"},
+      {Format(L"[%s][%S]", "narrow", L"wide"), L"[][]"},           // strings only under their own conversion
+      {Format(L"[%S][%S]", "caf\xc3\xa9", ""), L"[caf\u00e9][]"},  // narrow text is UTF-8
+      {Format(L"[%s][%S]", std::wstring(L"a"), std::string("b")), L"[a][b]"},
+      {Format(L"100%% %d%%", std::int32_t{7}), L"100% 7%%"},  // '%%' before an argument is one '%', in the tail two
+      {Format(L"50%% %d %s"), L"50%% %d %s"},                 // without arguments: verbatim
+      {Format(L"%k%d %-5d", std::int32_t{1}), L"%k1 %-5d"},   // unknown conversions stand as written
+  };
+  for (const auto& [written, expected] : rows) {
+    EXPECT_EQ(written, expected);
   }
-  EXPECT_TRUE(log.records.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, FormatterRefuses,
-                         ::testing::Values(BadFormat{L"no conversion", "no '%'"},
-                                           BadFormat{L"ends in %", "'%' is the last character"},
-                                           BadFormat{L"only 100%%", "'%%' consumes no argument"},
-                                           BadFormat{L"%-5d", "'-' is not a flag"},
-                                           BadFormat{L"%12", "digits up to the end"}));
+TEST(Formatter, RefusesAnArgumentWithoutAConversionAndFormatsNothingWithoutALogFunction) {
+  for (const wchar_t* format : {L"no conversion", L"ends in %", L"only 100%%", L"%-5d", L"%12"}) {
+    test::CapturedLog log;
+    try {
+      KESTREL_LOG(Info, format, std::int32_t{1});
+      ADD_FAILURE() << "formatted " << testing::PrintToString(format);
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), "Format string does not contain a valid format specifier for the argument.");
+    }
+    EXPECT_TRUE(log.records.empty());
+  }
+  KESTREL_REQUIRE_ALLOCATION_COUNTER();
+  ASSERT_FALSE(tessel::logging::logFunction);
+  const std::size_t before = test::AllocationCount();
+  EXPECT_NO_THROW(KESTREL_LOG(Error, L"no conversion for this argument", std::int32_t{1}, "text"));
+  EXPECT_EQ(test::AllocationCount(), before);
+}
+
+TEST(LogMessage, RecordCarriesLevelSourceBaseNameAndLineOrAFixedLine) {
+  test::CapturedLog log;
+  const unsigned line = __LINE__ + 1;
+  KESTREL_LOG(Warning, L"count = %d", std::int32_t{3});
+  KESTREL_LOG_AT_LINE(36, Verbose, L"fixed");
+  ASSERT_EQ(log.records.size(), 2u);
+  EXPECT_EQ(log.records[0].level, tessel::LogLevel::Warning);
+  EXPECT_STREQ(log.records[0].file.c_str(), "FormatterTest.cpp");
+  EXPECT_EQ(log.records[0].line, line);
+  EXPECT_EQ(log.records[0].message, L"count = 3");
+  EXPECT_EQ(log.records[1].level, tessel::LogLevel::Verbose);
+  EXPECT_EQ(log.records[1].line, 36u);
+  EXPECT_EQ(tessel::logging::win32ErrorText, L"Win32 Error");
+}
 
 }  // namespace

@@ -15,6 +15,10 @@ class EventBytes {
     bytes.insert(bytes.end(), text.begin(), text.end());
     return *this;
   }
+  EventBytes& Raw(const std::vector<std::uint8_t>& raw) {
+    bytes.insert(bytes.end(), raw.begin(), raw.end());
+    return *this;
+  }
   std::vector<std::uint8_t> bytes;
 
  private:

@@ -25,8 +25,8 @@ class HookedAddon : public ::testing::Test {
     return reinterpret_cast<Function*>(handlers_.at(name));
   }
 
-  AddonModule module_{};
-  com::Ptr<_ITarnAddon> addon_;
+  AddonModule module_ = AddonModule::Load();
+  com::Ptr<_ITarnAddon> addon_ = module_.CreateAddon();
   FakeRegistry registry_;
   FakeHookService hooks_;
   std::map<std::wstring, void*> handlers_;

@@ -16,16 +16,12 @@ HRESULT RecordingLogger::Log(std::int32_t level, const char* file, std::uint32_t
   return S_OK;
 }
 
-std::vector<LogRecord> RecordingLogger::Records() const {
+std::vector<LogRecord> RecordingLogger::Records(std::string_view file) const {
   std::lock_guard lock(mutex_);
-  return records_;
-}
-
-std::vector<LogRecord> RecordingLogger::RecordsFrom(std::string_view file) const {
   std::vector<LogRecord> matching;
-  for (LogRecord& record : Records()) {
-    if (record.file == file) {
-      matching.push_back(std::move(record));
+  for (const LogRecord& record : records_) {
+    if (file.empty() || record.file == file) {
+      matching.push_back(record);
     }
   }
   return matching;
@@ -47,15 +43,12 @@ HRESULT FakeEventGenerator::SendEvent(const BYTE* data, UINT32 size) {
     events_.emplace_back(data, data + size);
     received = events_.size();
   }
-  if (loseEvery != 0 && received % loseEvery == 0) {
-    return static_cast<HRESULT>(0x80070008);
-  }
 #ifdef _WIN32
   if (raiseCode != 0) {
     RaiseException(raiseCode, EXCEPTION_NONCONTINUABLE, 0, nullptr);
   }
 #endif
-  return result.load();
+  return loseEvery != 0 && received % loseEvery == 0 ? static_cast<HRESULT>(0x80070008) : result.load();
 }
 
 std::vector<std::vector<BYTE>> FakeEventGenerator::Events() const {
@@ -67,6 +60,18 @@ FakeConnectionPoint::~FakeConnectionPoint() {
   if (IUnknown* held = std::exchange(sink, nullptr)) {
     held->Release();
   }
+}
+
+HRESULT FakeConnectionPoint::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
+  calls_.push_back(com::GuidEquals(iid, _ITarnDllEvents::kIid) ? "FindConnectionPoint(_ITarnDllEvents)"
+                                                               : "FindConnectionPoint(other)");
+  *point = nullptr;
+  if (FAILED(findResult)) {
+    return findResult;
+  }
+  AddRef();
+  *point = this;
+  return S_OK;
 }
 
 HRESULT FakeConnectionPoint::Advise(IUnknown* newSink, DWORD* cookie) {
@@ -82,22 +87,9 @@ HRESULT FakeConnectionPoint::Advise(IUnknown* newSink, DWORD* cookie) {
 
 HRESULT FakeConnectionPoint::Unadvise(DWORD cookie) {
   calls_.push_back("Unadvise " + std::to_string(cookie));
-  if (sink != nullptr) {
-    sink->Release();
-    sink = nullptr;
+  if (IUnknown* held = std::exchange(sink, nullptr)) {
+    held->Release();
   }
-  return S_OK;
-}
-
-HRESULT FakeConnectionPointContainer::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
-  calls_.push_back(com::GuidEquals(iid, _ITarnDllEvents::kIid) ? "FindConnectionPoint(_ITarnDllEvents)"
-                                                               : "FindConnectionPoint(other)");
-  *point = nullptr;
-  if (FAILED(findResult)) {
-    return findResult;
-  }
-  point_.AddRef();
-  *point = &point_;
   return S_OK;
 }
 
@@ -118,54 +110,44 @@ std::vector<std::wstring> FakeHookService::Names() const {
   return names;
 }
 
-FakeRegistry::FakeRegistry() = default;
-
-namespace {
-
-const char* ServiceName(Service service) {
-  switch (service) {
-    case Service::Logger:
-      return "logger";
-    case Service::Config:
-      return "config";
-    case Service::EventGenerator:
-      return "event generator";
-    case Service::CpContainer:
-      return "injected CP container";
-  }
-  return "?";
-}
-
-}  // namespace
-
 HRESULT FakeRegistry::QueryService(REFGUID serviceId, REFIID iid, void** object) {
   *object = nullptr;
-  IUnknown* answer = nullptr;
-  Service service{};
-  if (com::GuidEquals(serviceId, SID_TarnHostServices) && com::GuidEquals(iid, _ITarnLogger::kIid)) {
-    service = Service::Logger;
-    answer = static_cast<_ITarnLogger*>(&logger);
-  } else if (com::GuidEquals(serviceId, SID_TarnConfig) && com::GuidEquals(iid, _ITarnConfig::kIid)) {
-    service = Service::Config;
-    answer = static_cast<_ITarnConfig*>(&config);
-  } else if (com::GuidEquals(serviceId, SID_TarnHostServices) && com::GuidEquals(iid, _ITarnEventGenerator::kIid)) {
-    service = Service::EventGenerator;
-    answer = static_cast<_ITarnEventGenerator*>(&eventGenerator);
-  } else if (com::GuidEquals(serviceId, SID_TarnHostServices) &&
-             com::GuidEquals(iid, com::kIidIConnectionPointContainer)) {
-    service = Service::CpContainer;
-    answer = static_cast<IConnectionPointContainer*>(&cpContainer);
-  } else {
-    calls.push_back("QueryService(unknown pairing)");
-    return E_NOINTERFACE;
+  struct Pairing {
+    Service service;
+    const char* name;
+    const GUID& serviceId;
+    const GUID& iid;
+    IUnknown* answer;
+  };
+  const Pairing pairings[] = {
+      {Service::Logger, "logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(&logger)},
+      {Service::Config, "config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(&config)},
+      {Service::EventGenerator, "event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid,
+       static_cast<_ITarnEventGenerator*>(&eventGenerator)},
+      {Service::CpContainer, "injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
+       static_cast<IConnectionPointContainer*>(&connectionPoint)}};
+  for (const Pairing& pairing : pairings) {
+    if (com::GuidEquals(serviceId, pairing.serviceId) && com::GuidEquals(iid, pairing.iid)) {
+      calls.push_back(std::string("QueryService(") + pairing.name + ")");
+      if (const auto failure = failures_.find(pairing.service); failure != failures_.end()) {
+        return failure->second;  // S_OK here: success with nothing handed out
+      }
+      pairing.answer->AddRef();
+      *object = pairing.answer;
+      return S_OK;
+    }
   }
-  calls.push_back(std::string("QueryService(") + ServiceName(service) + ")");
-  if (const auto failure = failures_.find(service); failure != failures_.end()) {
-    return failure->second;  // S_OK here: success with nothing handed out
+  calls.push_back("QueryService(unknown pairing)");
+  return E_NOINTERFACE;
+}
+
+_ITarnDllEvents* FakeRegistry::Sink() {
+  _ITarnDllEvents* events = nullptr;
+  if (connectionPoint.sink != nullptr &&
+      SUCCEEDED(connectionPoint.sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&events)))) {
+    events->Release();  // the connection point holds the sink
   }
-  answer->AddRef();
-  *object = answer;
-  return S_OK;
+  return events;
 }
 
 }  // namespace test

@@ -1,7 +1,8 @@
 #pragma once
 // The host side of the boundary for tests: a service provider handing out a recording logger,
-// a config service, an event generator and a connection point container, each of which can be
-// told to fail. Every call they receive is appended to one ordered call log.
+// a config service, an event generator and a connection point, each of which can be told to
+// fail, and a hook service. The calls they receive are appended to one ordered call log.
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -27,8 +28,8 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 class RecordingLogger final : public com::UnownedObject<_ITarnLogger> {
  public:
   HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* message) override;
-  std::vector<LogRecord> Records() const;
-  std::vector<LogRecord> RecordsFrom(std::string_view file) const;
+  // Every record, or those of one source file.
+  std::vector<LogRecord> Records(std::string_view file = {}) const;
 
  private:
   mutable std::mutex mutex_;
@@ -54,8 +55,8 @@ class FakeConfig final : public com::UnownedObject<_ITarnConfig> {
 
 class FakeEventGenerator final : public com::UnownedObject<_ITarnEventGenerator> {
  public:
-  // Records the event, then answers `result` (0x80070008: the host dropped it), or 0x80070008
-  // for every `loseEvery`-th event when that is set, or on Windows raises `raiseCode` when set.
+  // Records the event, then answers `result`, or 0x80070008 (dropped) for every `loseEvery`-th
+  // event when that is set; on Windows raises `raiseCode` instead when that is set.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
   std::vector<std::vector<BYTE>> Events() const;
 
@@ -68,38 +69,26 @@ class FakeEventGenerator final : public com::UnownedObject<_ITarnEventGenerator>
   std::vector<std::vector<BYTE>> events_;
 };
 
-class FakeConnectionPoint final : public com::UnownedObject<IConnectionPoint> {
+// The container and its one connection point, for _ITarnDllEvents.
+class FakeConnectionPoint final : public com::UnownedObject<IConnectionPointContainer, IConnectionPoint> {
  public:
   explicit FakeConnectionPoint(CallLog& calls) : calls_(calls) {}
   // Gives back the sink's reference, as a host does when it shuts down.
   ~FakeConnectionPoint();
-  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID*) override { return E_NOTIMPL_RESULT; }
-  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override {
-    return E_NOTIMPL_RESULT;
-  }
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID*) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
   HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
-  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections**) override { return E_NOTIMPL_RESULT; }
+  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections**) override { return E_FAIL; }
 
   IUnknown* sink = nullptr;
+  HRESULT findResult = S_OK;
   HRESULT adviseResult = S_OK;
 
  private:
-  static constexpr HRESULT E_NOTIMPL_RESULT = static_cast<HRESULT>(0x80004001);
   CallLog& calls_;
-};
-
-class FakeConnectionPointContainer final : public com::UnownedObject<IConnectionPointContainer> {
- public:
-  FakeConnectionPointContainer(CallLog& calls, FakeConnectionPoint& point) : calls_(calls), point_(point) {}
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
-
-  HRESULT findResult = S_OK;
-
- private:
-  CallLog& calls_;
-  FakeConnectionPoint& point_;
 };
 
 // The host's hook service: records every request with what the slot held at that moment, and
@@ -127,20 +116,19 @@ enum class Service { Logger, Config, EventGenerator, CpContainer };
 
 class FakeRegistry final : public com::UnownedObject<IServiceProvider> {
  public:
-  FakeRegistry();
   HRESULT STDMETHODCALLTYPE QueryService(REFGUID service, REFIID iid, void** object) override;
 
-  // The next and every later query for `service` answers `result` and hands out nothing.
+  // Every query for `service` answers `result`, handing out nothing.
   void Fail(Service service, HRESULT result) { failures_[service] = result; }
-  // Every query for `service` succeeds without handing anything out.
-  void AnswerNothing(Service service) { failures_[service] = S_OK; }
 
   CallLog calls;
   RecordingLogger logger;
   FakeConfig config{calls};
   FakeEventGenerator eventGenerator;
   FakeConnectionPoint connectionPoint{calls};
-  FakeConnectionPointContainer cpContainer{calls, connectionPoint};
+
+  // The subscribed sink, as the add-on's module notification interface.
+  _ITarnDllEvents* Sink();
 
  private:
   std::map<Service, HRESULT> failures_;

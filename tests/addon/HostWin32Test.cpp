@@ -1,11 +1,26 @@
-// Exceptions through the hooked functions, on Windows, through the built module: a structured
-// exception raised by the real function reaches its caller unchanged and leaves the hook's
-// guard, and a C++ exception of another runtime raised by the host is swallowed.
+// What only a Windows host sees, through the built Kestrel.dll: its version resource, and
+// exceptions through the hooked functions. A structured exception raised by the real function
+// reaches its caller unchanged and leaves the hook's guard; a C++ exception of another runtime
+// raised by the host is swallowed.
 #include <gtest/gtest.h>
 
 #include "tests/support/HookedAddon.h"
 
 namespace {
+
+TEST(KestrelDll, CarriesTheProjectVersionInItsVersionResource) {
+  DWORD ignored = 0;
+  std::vector<BYTE> block(GetFileVersionInfoSizeW(L"Kestrel.dll", &ignored));
+  ASSERT_TRUE(GetFileVersionInfoW(L"Kestrel.dll", 0, static_cast<DWORD>(block.size()), block.data()));
+  VS_FIXEDFILEINFO* info = nullptr;
+  UINT length = 0;
+  ASSERT_TRUE(VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&info), &length));
+  const DWORD ms = (KESTREL_VERSION_MAJOR << 16) | KESTREL_VERSION_MINOR;
+  const DWORD ls = KESTREL_VERSION_PATCH << 16;
+  EXPECT_EQ(std::vector<DWORD>({info->dwSignature, info->dwFileVersionMS, info->dwFileVersionLS,
+                                info->dwProductVersionMS, info->dwProductVersionLS, info->dwFileType}),
+            std::vector<DWORD>({0xFEEF04BD, ms, ls, ms, ls, VFT_DLL}));
+}
 
 using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
                               std::uint32_t*, void*);
