@@ -170,10 +170,10 @@ TEST(CompressionRateLimit, OneEventPerSecondInThirtyTwoBitArithmeticReadAsSigned
   for (const std::uint32_t start : {0u, 999u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
     EXPECT_TRUE(tessel::CompressionRateLimit(start).Admit(start)) << "the first event always goes out";
   }
-  tessel::CompressionRateLimit limit(0x7FFFFF00);
-  ASSERT_TRUE(limit.Admit(0x7FFFFF00));
-  EXPECT_FALSE(limit.Admit(0x7FFFFF00 + 999));
-  EXPECT_FALSE(limit.Admit(0x7FFFFF00 + 500));
+  tessel::CompressionRateLimit limit(0x7FFFFF00u);
+  ASSERT_TRUE(limit.Admit(0x7FFFFF00u));
+  EXPECT_FALSE(limit.Admit(0x7FFFFF00u + 999));
+  EXPECT_FALSE(limit.Admit(0x7FFFFF00u + 500));
   EXPECT_EQ(limit.suppressedCompressEvents.load(), 2u);
   EXPECT_TRUE(limit.Admit(0x800002E8)) << "1000 ms later, across the sign boundary";
   EXPECT_EQ(limit.suppressedCompressEvents.load(), 0u);
