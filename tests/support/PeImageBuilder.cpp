@@ -118,14 +118,15 @@ PeImage PeImageBuilder::Build() const {
   const std::uint32_t resourceEnd = version_ ? blockRva + static_cast<std::uint32_t>(version_->size()) : resourceStart;
 
   PeImage image(AlignUp(resourceEnd + 16, 0x100));
-  image.Write<std::uint16_t>(0, pe::kDosMagic);
+  // The format's signatures as literals, not the parser's constants, which they check.
+  image.Write<std::uint16_t>(0, 0x5A4D);  // "MZ"
   image.Write<std::int32_t>(60, 0x40);
   image.ntHeaders = 0x40;
-  image.Write<std::uint32_t>(0x40, pe::kNtSignature);
+  image.Write<std::uint32_t>(0x40, 0x00004550);  // "PE\0\0"
   image.Write<std::uint16_t>(0x44, 0x8664);
   image.Write<std::uint16_t>(0x40 + 20, 0xF0);    // SizeOfOptionalHeader
   image.Write<std::uint16_t>(0x40 + 22, 0x2022);  // executable, large address aware, DLL
-  image.Write<std::uint16_t>(0x40 + 24, pe::kPe32PlusMagic);
+  image.Write<std::uint16_t>(0x40 + 24, 0x20B);   // PE32+
   image.Write<std::uint32_t>(image.SizeOfImageField(), image.size());
   image.Write<std::uint32_t>(0x40 + 84, 0x400);  // SizeOfHeaders
   image.Write<std::uint32_t>(0x40 + 132, 16);
@@ -155,11 +156,11 @@ PeImage PeImageBuilder::Build() const {
   if (version_) {
     image.Write<std::uint32_t>(image.DataDirectoryField(pe::kResourceDirectoryIndex), resourceStart);
     image.Write<std::uint32_t>(image.DataDirectoryField(pe::kResourceDirectoryIndex) + 4, resourceEnd - resourceStart);
-    const std::uint32_t ids[3] = {pe::kVersionResourceType, 1, 0};
+    const std::uint32_t ids[3] = {16, 1, 0};  // RT_VERSION, name 1, language 0
     for (std::uint32_t level = 0; level < 3; ++level) {
       const std::uint32_t directory = resourceStart + level * 24;
       image.Write<std::uint16_t>(directory + 14, 1);  // one id entry
-      const std::uint32_t next = level < 2 ? ((level + 1) * 24) | pe::kResourceHighBit : dataEntry - resourceStart;
+      const std::uint32_t next = level < 2 ? ((level + 1) * 24) | 0x80000000 : dataEntry - resourceStart;
       image.Write<pe::ResourceDirectoryEntry>(directory + 16, {ids[level], next});
     }
     image.resourceDataEntry = dataEntry;
