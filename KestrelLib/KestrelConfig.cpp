@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "libinfra/text/Utf8.h"
 
@@ -57,8 +58,9 @@ void RejectTextAfterNul(const std::string& text) {
     return;
   }
   const std::size_t lineStart = text.rfind('\n', nul) + 1;  // 0 when there is no newline before
-  const nlohmann::detail::position_t position{
-      nul + 1, nul + 1 - lineStart, static_cast<std::size_t>(std::count(text.begin(), text.begin() + nul, '\n'))};
+  const std::string_view before(text.data(), nul);
+  const nlohmann::detail::position_t position{nul + 1, nul + 1 - lineStart,
+                                              static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'))};
   throw Json::parse_error::create(
       101, position, "syntax error while parsing value - unexpected U+0000; expected end of input", nullptr);
 }
