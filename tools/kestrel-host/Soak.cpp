@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <tlhelp32.h>
 #include <vector>
@@ -25,17 +26,16 @@ struct RealFunctions {
   explicit RealFunctions(const ImportHookService& hooks) {
     HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
     HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
-    const auto real = [&](HMODULE module, const wchar_t* name, const char* narrow) {
-      void* slot = hooks.RealFunction(name);
-      return slot != nullptr ? slot : reinterpret_cast<void*>(GetProcAddress(module, narrow));
+    const auto real = [&](HMODULE module, const char* name) {
+      void* slot = hooks.RealFunction(std::wstring(name, name + std::strlen(name)));
+      return slot != nullptr ? slot : reinterpret_cast<void*>(GetProcAddress(module, name));
     };
-    compress = reinterpret_cast<decltype(compress)>(real(ntdll, L"RtlCompressBuffer", "RtlCompressBuffer"));
-    allocate = reinterpret_cast<decltype(allocate)>(real(ntdll, L"RtlAllocateHeap", "RtlAllocateHeap"));
-    reallocate = reinterpret_cast<decltype(reallocate)>(real(ntdll, L"RtlReAllocateHeap", "RtlReAllocateHeap"));
-    compact = reinterpret_cast<decltype(compact)>(real(ntdll, L"RtlCompactHeap", "RtlCompactHeap"));
-    release = reinterpret_cast<decltype(release)>(real(ntdll, L"RtlFreeHeap", "RtlFreeHeap"));
-    snapshot =
-        reinterpret_cast<decltype(snapshot)>(real(kernel32, L"CreateToolhelp32Snapshot", "CreateToolhelp32Snapshot"));
+    compress = reinterpret_cast<decltype(compress)>(real(ntdll, "RtlCompressBuffer"));
+    allocate = reinterpret_cast<decltype(allocate)>(real(ntdll, "RtlAllocateHeap"));
+    reallocate = reinterpret_cast<decltype(reallocate)>(real(ntdll, "RtlReAllocateHeap"));
+    compact = reinterpret_cast<decltype(compact)>(real(ntdll, "RtlCompactHeap"));
+    release = reinterpret_cast<decltype(release)>(real(ntdll, "RtlFreeHeap"));
+    snapshot = reinterpret_cast<decltype(snapshot)>(real(kernel32, "CreateToolhelp32Snapshot"));
   }
   decltype(&RtlCompressBuffer) compress;
   decltype(&RtlAllocateHeap) allocate;
@@ -63,15 +63,18 @@ auto WithError(DWORD& error, Call call) {
   return result;
 }
 
+// The byte at `i` of a block filled for `seed`: a reallocation must keep what it holds.
+std::uint8_t PatternByte(std::uint8_t seed, std::size_t i) { return static_cast<std::uint8_t>(seed + i * 7); }
+
 void Fill(std::uint8_t* block, std::size_t size, std::uint8_t seed) {
   for (std::size_t i = 0; i < size; ++i) {
-    block[i] = static_cast<std::uint8_t>(seed + i * 7);
+    block[i] = PatternByte(seed, i);
   }
 }
 
 bool Intact(const std::uint8_t* block, std::size_t size, std::uint8_t seed) {
   for (std::size_t i = 0; i < size; ++i) {
-    if (block[i] != static_cast<std::uint8_t>(seed + i * 7)) {
+    if (block[i] != PatternByte(seed, i)) {
       return false;
     }
   }
