@@ -8,11 +8,6 @@
 #include "tools/kestrel-host/Output.h"
 
 namespace host {
-namespace {
-
-constexpr int kCompressionBurst = 5;
-
-}  // namespace
 
 std::vector<UCHAR> SampleData() {
   std::vector<UCHAR> data(4096);
@@ -22,7 +17,16 @@ std::vector<UCHAR> SampleData() {
   return data;
 }
 
+std::vector<UCHAR> CompressionWorkspace() {
+  ULONG workspaceSize = 0;
+  ULONG fragmentSize = 0;
+  RtlGetCompressionWorkSpaceSize(kLznt1Standard, &workspaceSize, &fragmentSize);
+  return std::vector<UCHAR>(workspaceSize);
+}
+
 namespace {
+
+constexpr int kCompressionBurst = 5;
 
 LONG CompressOnce(std::vector<UCHAR>& data, std::vector<UCHAR>& workspace) {
   std::vector<UCHAR> compressed(4500);
@@ -32,13 +36,6 @@ LONG CompressOnce(std::vector<UCHAR>& data, std::vector<UCHAR>& workspace) {
 }
 
 }  // namespace
-
-std::vector<UCHAR> CompressionWorkspace() {
-  ULONG workspaceSize = 0;
-  ULONG fragmentSize = 0;
-  RtlGetCompressionWorkSpaceSize(kLznt1Standard, &workspaceSize, &fragmentSize);
-  return std::vector<UCHAR>(workspaceSize);
-}
 
 void RunWorkload(const char* phase) {
   Out().Step("Workload", S_OK, {{"phase", phase}});
