@@ -51,7 +51,6 @@ HRESULT ImportHookService::SetHook(const wchar_t* functionName, void** targetSlo
     {
       std::lock_guard lock(mutex_);
       routes_.push_back({*targetSlot, handler});
-      slots_[name] = targetSlot;
     }
     for (HMODULE module : LoadedModules()) {
       const int inModule = PatchImports(module, *targetSlot, handler);
@@ -78,12 +77,6 @@ int ImportHookService::PatchModule(HMODULE module) {
     patched += PatchImports(module, route.real, route.handler);
   }
   return patched;
-}
-
-void* ImportHookService::RealFunction(const std::wstring& functionName) const {
-  std::lock_guard lock(mutex_);
-  const auto slot = slots_.find(functionName);
-  return slot == slots_.end() ? nullptr : *slot->second;
 }
 
 }  // namespace host

@@ -4,8 +4,9 @@
 // at the add-on's handler, whatever name the module imports it by (kernel32's and kernelbase's
 // forwarders of the ntdll functions included); PatchModule does the same for a module loaded
 // later, before its code runs. Nothing is ever unpatched: after Stop the handlers just pass
-// through. The slot keeps the real function the add-on wrote into it. Chosen functions can be
-// refused by policy or failed with a given HRESULT instead.
+// through. The slot keeps the real function the add-on wrote into it (this host needs no
+// trampoline: its patches are in the callers). Chosen functions can be refused by policy or
+// failed with a given HRESULT instead.
 //
 // SetHook and PatchModule run under the loader lock (the host delivers every module
 // notification under it), so loads and hook requests never interleave.
@@ -31,9 +32,6 @@ class ImportHookService final : public com::UnownedObject<_ITarnHookService> {
   // address table entries changed.
   int PatchModule(HMODULE module);
 
-  // The real function behind a hook that was set, as its slot holds it; null if none was.
-  void* RealFunction(const std::wstring& functionName) const;
-
  private:
   struct Route {
     void* real;
@@ -43,9 +41,8 @@ class ImportHookService final : public com::UnownedObject<_ITarnHookService> {
   std::set<std::wstring> policyExcluded_;
   std::map<std::wstring, HRESULT> failures_;
   bool report_;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::vector<Route> routes_;
-  std::map<std::wstring, void**> slots_;
 };
 
 }  // namespace host

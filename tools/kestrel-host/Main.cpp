@@ -157,7 +157,7 @@ int main(int argc, char** argv) {
       host::RunBench(options.iterations);
       break;
     case Mode::Soak:
-      summary = host::RunSoak(options.seconds, options.threads, hooks);
+      summary = host::RunSoak(options.seconds, options.threads);
       summary["importsPatchedOnLoad"] = notifications ? notifications->ImportsPatchedOnLoad() : 0;
       break;
     case Mode::Run:

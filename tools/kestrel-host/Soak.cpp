@@ -1,11 +1,12 @@
 #include "tools/kestrel-host/Soak.h"
 
+#include <windows.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <thread>
 #include <tlhelp32.h>
 #include <vector>
@@ -21,21 +22,17 @@ using Clock = std::chrono::steady_clock;
 // Set before each call of a pair, so that a value neither function set compares equal too.
 constexpr DWORD kSentinelError = 0x5EED;
 
-// The real functions, as the hooks' slots hold them (a function not hooked is its own real one).
+// The real functions: the exports, which the add-on resolves and the handlers call through.
 struct RealFunctions {
-  explicit RealFunctions(const ImportHookService& hooks) {
+  RealFunctions() {
     HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
     HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
-    const auto real = [&](HMODULE module, const char* name) {
-      void* slot = hooks.RealFunction(std::wstring(name, name + std::strlen(name)));
-      return slot != nullptr ? slot : reinterpret_cast<void*>(GetProcAddress(module, name));
-    };
-    compress = reinterpret_cast<decltype(compress)>(real(ntdll, "RtlCompressBuffer"));
-    allocate = reinterpret_cast<decltype(allocate)>(real(ntdll, "RtlAllocateHeap"));
-    reallocate = reinterpret_cast<decltype(reallocate)>(real(ntdll, "RtlReAllocateHeap"));
-    compact = reinterpret_cast<decltype(compact)>(real(ntdll, "RtlCompactHeap"));
-    release = reinterpret_cast<decltype(release)>(real(ntdll, "RtlFreeHeap"));
-    snapshot = reinterpret_cast<decltype(snapshot)>(real(kernel32, "CreateToolhelp32Snapshot"));
+    compress = reinterpret_cast<decltype(compress)>(GetProcAddress(ntdll, "RtlCompressBuffer"));
+    allocate = reinterpret_cast<decltype(allocate)>(GetProcAddress(ntdll, "RtlAllocateHeap"));
+    reallocate = reinterpret_cast<decltype(reallocate)>(GetProcAddress(ntdll, "RtlReAllocateHeap"));
+    compact = reinterpret_cast<decltype(compact)>(GetProcAddress(ntdll, "RtlCompactHeap"));
+    release = reinterpret_cast<decltype(release)>(GetProcAddress(ntdll, "RtlFreeHeap"));
+    snapshot = reinterpret_cast<decltype(snapshot)>(GetProcAddress(kernel32, "CreateToolhelp32Snapshot"));
   }
   decltype(&RtlCompressBuffer) compress;
   decltype(&RtlAllocateHeap) allocate;
@@ -275,8 +272,8 @@ double OverheadRatio(const RealFunctions& real) {
 
 }  // namespace
 
-nlohmann::json RunSoak(int seconds, int threads, const ImportHookService& hooks) {
-  const RealFunctions real(hooks);
+nlohmann::json RunSoak(int seconds, int threads) {
+  const RealFunctions real;
   const double overheadRatio = OverheadRatio(real);
   Counters counters;
   const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);

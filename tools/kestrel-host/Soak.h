@@ -4,19 +4,18 @@
 //   - `threads` workers allocate through the C runtime (whose imports reach the hooked ntdll
 //     heap functions), filling and checking every block, and call the six hooked functions
 //     through the host's own imports, each call compared with the same call made through the
-//     real function (the hook's slot): results, compressed output and last-error values;
+//     real function (the export, which the add-on resolves too): results, compressed output
+//     and last-error values;
 //     every snapshot must list this process;
 //   - another thread keeps starting short-lived threads that call a hooked function first thing;
 //   - another keeps loading and unloading a module whose imports the host routes as it loads.
 // Before that, the same single-threaded workload is timed hooked and direct, in one run.
 #include <nlohmann/json.hpp>
 
-#include "tools/kestrel-host/ImportHookService.h"
-
 namespace host {
 
 // {"seconds", "threads", "threadsStarted", "modulesLoaded", "heapCalls", "compressions",
 //  "snapshots", "mismatches", "overheadRatio"}; snapshots counts the hooked calls only.
-nlohmann::json RunSoak(int seconds, int threads, const ImportHookService& hooks);
+nlohmann::json RunSoak(int seconds, int threads);
 
 }  // namespace host

@@ -1,8 +1,9 @@
 // kestrel-soak-module.dll: the module the soak loads and unloads over and over. Its one export
 // allocates through its own import of HeapAlloc (kernel32's forwarder of ntdll's
 // RtlAllocateHeap), which the host routes through the add-on when the loader maps the module.
-#include <cstring>
 #include <windows.h>
+
+#include <cstring>
 
 extern "C" __declspec(dllexport) BOOL WINAPI SoakModuleAllocate(SIZE_T size) {
   auto* block = static_cast<unsigned char*>(HeapAlloc(GetProcessHeap(), 0, size));
