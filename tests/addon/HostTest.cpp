@@ -68,30 +68,14 @@ TEST_F(Host, ClassObjectsComeOnlyForTheClassIdAndKeepTheModuleLoaded) {
   EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "LockServer is not counted, the refused add-on was destroyed";
 }
 
-TEST_F(Host, TheAddonHasOneIdentityACountAndWeakReferences) {
+// The template's counting and weak references are tested on their own; here, what the add-on answers.
+TEST_F(Host, TheAddonHasOneIdentityAndAnswersOnlyItsInterfacesAndWeakReferences) {
   com::Ptr<IUnknown> identity;
   ASSERT_EQ(addon_->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(identity.Put())), S_OK);
   EXPECT_EQ(identity.Get(), static_cast<IUnknown*>(addon_.Get()));
   ExpectOnly(addon_.Get(), {com::kIidIClassFactory, test::kIidIAgileObject, test::kIidIMarshal, _ITarnDllEvents::kIid});
-  identity = {};
-  EXPECT_EQ(addon_->AddRef(), 2u);
-  EXPECT_EQ(addon_->Release(), 1u);
-
   com::Ptr<com::IWeakReferenceSource> source;
-  ASSERT_EQ(addon_->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(source.Put())), S_OK);
-  com::Ptr<com::IWeakReference> weak;
-  ASSERT_EQ(source->GetWeakReference(weak.Put()), S_OK);
-  source = {};
-  com::Ptr<IUnknown> resolved;
-  ASSERT_EQ(weak->Resolve(_ITarnAddon::kIid, resolved.Put()), S_OK);
-  EXPECT_EQ(resolved.Get(), static_cast<IUnknown*>(addon_.Get()));
-  resolved = {};
-  addon_ = {};
-  EXPECT_EQ(weak->Resolve(_ITarnAddon::kIid, resolved.Put()), S_OK);
-  EXPECT_EQ(resolved.Get(), nullptr);
-  EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE) << "the control block is a live object";
-  weak = {};
-  EXPECT_EQ(module_.DllCanUnloadNow(), S_OK);
+  EXPECT_EQ(addon_->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(source.Put())), S_OK);
 }
 
 TEST_F(Host, InitializeQueriesTheServicesInOrderAndLaterCallsReuseThem) {
