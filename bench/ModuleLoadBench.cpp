@@ -71,16 +71,13 @@ BENCHMARK(UncheckedSearchEveryName)->Name("FindExport2000/direct");
 BENCHMARK(FindExportEveryName)->Name("FindExport2000/checked");
 
 void LoadModuleWithoutTraps(benchmark::State& state) {
-  static test::FakeRegistry registry;
-  tessel::Globals::cpContainer = &registry.connectionPoint;
+  static test::FakeHost host;
+  tessel::Globals::cpContainer = &host;
   com::Ptr<tessel::HookInfra> infra = com::Make<tessel::HookInfra>();
-  const test::PeImage user32 =
-      test::PeImageBuilder().Export("MessageBoxW").VersionResource(test::BuildVersionBlock({})).Build();
-  auto* base = reinterpret_cast<HMODULE>(const_cast<void*>(user32.base()));
-  test::FakeHookService hooks;
+  const test::PeImage user32 = test::PeImageBuilder().Export("MessageBoxW").VersionResource().Build();
   for (auto _ : state) {
-    benchmark::DoNotOptimize(infra->OnModuleLoad(base, 1, L"user32.dll", L"C:\\Windows\\System32\\user32.dll", 0,
-                                                 static_cast<_ITarnHookService*>(&hooks)));
+    benchmark::DoNotOptimize(infra->OnModuleLoad(user32.base(), 1, L"user32.dll", L"C:\\Windows\\System32\\user32.dll",
+                                                 0, static_cast<_ITarnHookService*>(&host)));
   }
 }
 BENCHMARK(LoadModuleWithoutTraps)->Name("OnModuleLoad/module-without-traps");

@@ -17,14 +17,13 @@ inline constexpr std::uint32_t kBodyStart = 0x400;
 inline test::PeImage LayOut(const std::uint8_t* data, std::size_t size, std::uint32_t directoryIndex) {
   test::PeImage image = test::PeImageBuilder().NoExports().Build();
   test::PeImage laidOut(kImageSize);
-  std::memcpy(laidOut.At(0), image.Address(0), kBodyStart);
-  laidOut.ntHeaders = image.ntHeaders;
-  laidOut.Write<std::uint32_t>(laidOut.SizeOfImageField(), kImageSize);
+  std::memcpy(laidOut.At(0), image.At(0), kBodyStart);
+  laidOut.Write(test::PeImage::kSizeOfImage, kImageSize);
   if (size >= 8) {
     std::uint32_t directory[2];
     std::memcpy(directory, data, sizeof directory);
-    laidOut.Write<std::uint32_t>(laidOut.DataDirectoryField(directoryIndex), directory[0]);
-    laidOut.Write<std::uint32_t>(laidOut.DataDirectoryField(directoryIndex) + 4, directory[1]);
+    laidOut.Write(test::PeImage::DataDirectory(directoryIndex), directory[0]);
+    laidOut.Write(test::PeImage::DataDirectory(directoryIndex) + 4, directory[1]);
     data += 8;
     size -= 8;
   }

@@ -1,16 +1,16 @@
 // The add-on as a host drives it, through the module's two exports (on Windows the built
 // Kestrel.dll): activation and unloading, the life cycle with the exact records the host's
-// logger receives, the configuration, the hook requests and the events. Every test runs in
-// its own process, since the library never resets its process-wide state.
+// logger receives, the configuration, the hook requests and the events' bytes. Every test runs
+// in its own process, since the library never resets its process-wide state.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 
 #include "libinfra/com/WeakReference.h"
+#include "libinfra/platform/Platform.h"
 #include "tests/support/EventBytes.h"
 #include "tests/support/HookedAddon.h"
-#include "tests/support/Iids.h"
 #include "tests/support/SystemModules.h"
 
 namespace {
@@ -20,27 +20,20 @@ using test::Service;
 
 void* const kUntouched = reinterpret_cast<void*>(0x1234);
 const std::wstring kHeapHooksOn = L"{\"flags\":{\"hookHeapAllocator\":true}}";
+// Interfaces the add-on must not answer: it is neither agile nor marshallable.
+constexpr GUID kIidIAgileObject{0x94EA2B94, 0xE9CC, 0x49E0, {0xC0, 0xFF, 0xEE, 0x64, 0xCA, 0x8F, 0x5B, 0x90}};
+constexpr GUID kIidIMarshal{0x00000003, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 
-class Host : public test::HookedAddon {
- protected:
-  com::Ptr<IClassFactory> Factory() {
-    com::Ptr<IClassFactory> factory;
-    EXPECT_EQ(
-        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
-        S_OK);
-    return factory;
+// Every interface in `refused` is refused with a null output.
+void ExpectRefused(IUnknown* object, std::initializer_list<GUID> refused) {
+  for (const GUID& iid : refused) {
+    void* answer = kUntouched;
+    EXPECT_EQ(object->QueryInterface(iid, &answer), E_NOINTERFACE);
+    EXPECT_EQ(answer, nullptr);
   }
-  // Every interface but `answered` is refused with a null output.
-  template <typename Object>
-  void ExpectOnly(Object* object, std::initializer_list<GUID> refused) {
-    for (const GUID& iid : refused) {
-      void* answer = kUntouched;
-      EXPECT_EQ(object->QueryInterface(iid, &answer), E_NOINTERFACE);
-      EXPECT_EQ(answer, nullptr);
-    }
-  }
-  std::vector<LogRecord> GlobalsRecords() const { return registry_.logger.Records("Globals.cpp"); }
-};
+}
+
+class Host : public test::HookedAddon {};
 
 TEST_F(Host, ClassObjectsComeOnlyForTheClassIdAndKeepTheModuleLoaded) {
   addon_ = {};
@@ -53,83 +46,81 @@ TEST_F(Host, ClassObjectsComeOnlyForTheClassIdAndKeepTheModuleLoaded) {
   EXPECT_EQ(object, nullptr);
   EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "the refused factory is destroyed";
 
-  com::Ptr<IClassFactory> first = Factory();
-  com::Ptr<IClassFactory> second = Factory();
-  EXPECT_NE(first.Get(), second.Get());
-  ExpectOnly(first.Get(), {_ITarnAddon::kIid, test::kIidIAgileObject, test::kIidIMarshal});
-  EXPECT_EQ(first->LockServer(TRUE), S_OK);
-  EXPECT_EQ(first->CreateInstance(first.Get(), _ITarnAddon::kIid, &object), CLASS_E_NOAGGREGATION);
+  com::Ptr<IClassFactory> factories[2];
+  for (auto& factory : factories) {
+    ASSERT_EQ(
+        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
+        S_OK);
+  }
+  EXPECT_NE(factories[0].Get(), factories[1].Get());
+  ExpectRefused(factories[0].Get(), {_ITarnAddon::kIid, kIidIAgileObject, kIidIMarshal});
+  EXPECT_EQ(factories[0]->LockServer(TRUE), S_OK);
+  EXPECT_EQ(factories[0]->CreateInstance(factories[0].Get(), _ITarnAddon::kIid, &object), CLASS_E_NOAGGREGATION);
   EXPECT_EQ(object, nullptr);
-  EXPECT_EQ(first->CreateInstance(nullptr, test::kIidIMarshal, &object), E_NOINTERFACE);
+  EXPECT_EQ(factories[0]->CreateInstance(nullptr, kIidIMarshal, &object), E_NOINTERFACE);
   EXPECT_EQ(object, nullptr);
-  first = {};
+  factories[0] = {};
   EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE);
-  second = {};
+  factories[1] = {};
   EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "LockServer is not counted, the refused add-on was destroyed";
 }
 
-// The template's counting and weak references are tested on their own; here, what the add-on answers.
 TEST_F(Host, TheAddonHasOneIdentityAndAnswersOnlyItsInterfacesAndWeakReferences) {
   com::Ptr<IUnknown> identity;
+  com::Ptr<com::IWeakReferenceSource> source;
   ASSERT_EQ(addon_->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(identity.Put())), S_OK);
   EXPECT_EQ(identity.Get(), static_cast<IUnknown*>(addon_.Get()));
-  ExpectOnly(addon_.Get(), {com::kIidIClassFactory, test::kIidIAgileObject, test::kIidIMarshal, _ITarnDllEvents::kIid});
-  com::Ptr<com::IWeakReferenceSource> source;
+  ExpectRefused(addon_.Get(), {com::kIidIClassFactory, kIidIAgileObject, kIidIMarshal, _ITarnDllEvents::kIid});
   EXPECT_EQ(addon_->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(source.Put())), S_OK);
 }
 
 TEST_F(Host, InitializeQueriesTheServicesInOrderAndLaterCallsReuseThem) {
   EXPECT_EQ(addon_->Initialize(nullptr), E_INVALIDARG);
   EXPECT_EQ(addon_->Stop(), S_OK);
-  EXPECT_EQ(addon_->Initialize(&registry_), S_OK);
-  EXPECT_EQ(registry_.calls,
-            (test::CallLog{"QueryService(logger)", "QueryService(config)", "QueryService(event generator)",
-                           "QueryService(injected CP container)", "GetModuleConfiguration",
-                           "FindConnectionPoint(_ITarnDllEvents)", "Advise"}));
-  for (ULONG references : {registry_.References(), registry_.logger.References(), registry_.config.References(),
-                           registry_.eventGenerator.References()}) {
-    EXPECT_EQ(references, 1u);
-  }
-  EXPECT_TRUE(GlobalsRecords().empty());
+  EXPECT_EQ(addon_->Initialize(&host_), S_OK);
+  EXPECT_EQ(host_.calls,
+            (std::vector<std::string>{"QueryService(logger)", "QueryService(config)", "QueryService(event generator)",
+                                      "QueryService(injected CP container)", "GetModuleConfiguration",
+                                      "FindConnectionPoint(_ITarnDllEvents)", "Advise"}));
+  EXPECT_EQ(host_.References(), 6u) << "the registry, four services and the connection point";
+  EXPECT_TRUE(host_.Records("Globals.cpp").empty());
 
-  test::FakeRegistry second;
+  test::FakeHost second;
   EXPECT_EQ(addon_->Stop(), S_OK);
   EXPECT_EQ(addon_->Initialize(&second), S_OK);
-  EXPECT_TRUE(second.calls.empty());
-  EXPECT_EQ(second.References(), 0u);
-  EXPECT_EQ(GlobalsRecords(), (std::vector<LogRecord>{{4, "Globals.cpp", 58,
-                                                       "Global objects have already been initialized, skipping "
-                                                       "re-initialization."}}));
+  EXPECT_TRUE(second.calls.empty() && second.References() == 0);
+  EXPECT_EQ(host_.Records("Globals.cpp"),
+            (std::vector<LogRecord>{
+                {4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}}));
   addon_ = {};
   EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE) << "kept loaded after a successful Initialize";
 }
 
-// A failed query: Initialize fails, what was acquired stays, and a retry only logs that it skips.
+// A failed query fails Initialize, what was acquired stays, and a retry only logs that it skips.
 struct QueryFailure {
   Service service;
   HRESULT result;
-  std::size_t queries;
-  const char* logged;  // the name in the failure record; none for the logger
+  std::size_t queries;  // and references kept
+  const char* logged;   // the name in the failure record, if any
 };
 
-class FailedQuery : public Host, public ::testing::WithParamInterface<QueryFailure> {};
+class FailedQuery : public test::HookedAddon, public ::testing::WithParamInterface<QueryFailure> {};
 
 TEST_P(FailedQuery, FailsInitializeAndKeepsWhatWasAcquired) {
   const QueryFailure& failure = GetParam();
-  registry_.Fail(failure.service, failure.result);
-  EXPECT_EQ(addon_->Initialize(&registry_), E_FAIL);
-  EXPECT_EQ(registry_.calls.size(), failure.queries);
-  EXPECT_EQ(registry_.References(), 1u);
+  host_.failures[failure.service] = failure.result;
+  EXPECT_EQ(addon_->Initialize(&host_), E_FAIL);
+  EXPECT_EQ(host_.calls.size(), failure.queries);
+  EXPECT_EQ(host_.References(), failure.queries);
   std::vector<LogRecord> expected;
   if (failure.logged != nullptr) {
     expected = {{2, "Globals.cpp", 80,
                  std::string("Failed to initialize globals: Failed to query the COM interface for the ") +
                      failure.logged + " object"},
                 {4, "Globals.cpp", 88, "Releasing global objects"}};
-    EXPECT_EQ(registry_.logger.References(), 1u);
   }
-  EXPECT_EQ(registry_.logger.Records(), expected);
-  test::FakeRegistry second;
+  EXPECT_EQ(host_.Records(), expected);
+  test::FakeHost second;
   EXPECT_EQ(addon_->Initialize(&second), S_OK);
   EXPECT_TRUE(second.calls.empty());
 }
@@ -137,79 +128,67 @@ TEST_P(FailedQuery, FailsInitializeAndKeepsWhatWasAcquired) {
 INSTANTIATE_TEST_SUITE_P(EachService, FailedQuery,
                          ::testing::Values(QueryFailure{Service::Logger, E_NOINTERFACE, 1, nullptr},
                                            QueryFailure{Service::Config, E_FAIL, 2, "config"},
+                                           QueryFailure{Service::Config, S_OK, 4,
+                                                        nullptr},  // success, no object: not a logged failure
                                            QueryFailure{Service::EventGenerator, E_FAIL, 3, "event generator"},
                                            QueryFailure{Service::CpContainer, E_FAIL, 4, "injected CP container"}));
 
-// The configuration as the host hands it over: what the host's log gets, and whether the heap
-// hooks are requested at the next load of ntdll.
+// The configuration as the host hands it over: Globals.cpp's one record, if any (its level,
+// line and the start of its text), and whether the heap hooks are requested.
 struct ConfigCase {
   const char* name;
-  std::wstring json;
+  std::optional<std::wstring> json;  // none: a null BSTR
   HRESULT serviceResult;
-  std::string record;  // Globals.cpp's one record (its line and the start of its text), if any
+  std::string record;
   bool heapHooks;
 };
 
-class Configuration : public Host, public ::testing::WithParamInterface<ConfigCase> {};
+class Configuration : public test::HookedAddon, public ::testing::WithParamInterface<ConfigCase> {};
 
 TEST_P(Configuration, IsReadOnceAndABadOneLeavesTheHeapHooksOff) {
-  const ConfigCase& row = GetParam();
-  registry_.config.json = row.json;
-  registry_.config.nullJson = row.json == L"null BSTR";
-  registry_.config.result = row.serviceResult;
+  host_.json = GetParam().json;
+  host_.configResult = GetParam().serviceResult;
   ASSERT_NO_FATAL_FAILURE(Start());
-  const std::vector<LogRecord> records = GlobalsRecords();
-  if (row.record.empty()) {
-    EXPECT_TRUE(records.empty());
-  } else {
-    ASSERT_EQ(records.size(), 1u);
-    const std::string logged =
-        std::to_string(records[0].level) + " " + std::to_string(records[0].line) + " " + records[0].text;
-    EXPECT_EQ(logged.rfind(row.record, 0), 0u) << logged;
+  std::string logged;
+  for (const LogRecord& record : host_.Records("Globals.cpp")) {
+    logged += std::to_string(record.level) + " " + std::to_string(record.line) + " " + record.text + "\n";
   }
-  EXPECT_EQ(hooks_.requests.size(), row.heapHooks ? 6u : 2u);
+  EXPECT_EQ(logged.substr(0, GetParam().record.size()), GetParam().record);
+  EXPECT_EQ(logged.empty(), GetParam().record.empty()) << logged;
+  EXPECT_EQ(host_.requests.size(), GetParam().heapHooks ? 6u : 2u);
 }
 
+const std::string kParseError =
+    "2 110 Failed to initialize configuration: [json.exception.parse_error.101] parse error ";
 INSTANTIATE_TEST_SUITE_P(
     Documents, Configuration,
-    ::testing::Values(
-        ConfigCase{"HeapHooksOn", kHeapHooksOn, S_OK, "", true}, ConfigCase{"EmptyObject", L"{}", S_OK, "", false},
-        ConfigCase{"ServiceFails", kHeapHooksOn, E_FAIL,
-                   "2 103 Failed to retrieve module configuration: HRESULT 0x80004005", false},
-        ConfigCase{"String", L"{\"flags\":{\"hookHeapAllocator\":\"true\"}}", S_OK,
-                   "2 110 Failed to initialize configuration: Not a bool", false},
-        ConfigCase{"NullBstr", L"null BSTR", S_OK,
-                   "2 110 Failed to initialize configuration: [json.exception.parse_error.101] parse error at line 1, "
-                   "column 1",
-                   false},
-        ConfigCase{"TextAfterANul", kHeapHooksOn + L'\0' + L"junk", S_OK,
-                   "2 110 Failed to initialize configuration: [json.exception.parse_error.101] parse error at line 1, "
-                   "column 37",
-                   false}),
+    ::testing::Values(ConfigCase{"HeapHooksOn", kHeapHooksOn, S_OK, "", true},
+                      ConfigCase{"EmptyObject", L"{}", S_OK, "", false},
+                      ConfigCase{"ServiceFails", kHeapHooksOn, E_FAIL,
+                                 "2 103 Failed to retrieve module configuration: HRESULT 0x80004005\n", false},
+                      ConfigCase{"String", L"{\"flags\":{\"hookHeapAllocator\":\"true\"}}", S_OK,
+                                 "2 110 Failed to initialize configuration: Not a bool\n", false},
+                      ConfigCase{"NullBstr", std::nullopt, S_OK, kParseError + "at line 1, column 1", false},
+                      ConfigCase{"TextAfterANul", kHeapHooksOn + L'\0' + L"junk", S_OK,
+                                 kParseError + "at line 1, column 37", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(Host, AMissingConfigServiceFailsInitializeWithoutTheLoggedFailurePath) {
-  registry_.Fail(Service::Config, S_OK);  // success, but nothing handed out
-  EXPECT_EQ(addon_->Initialize(&registry_), E_FAIL);
-  EXPECT_TRUE(registry_.logger.Records().empty()) << "an HRESULT error is not a standard exception";
-  EXPECT_EQ(registry_.eventGenerator.References(), 1u) << "nothing was released";
-}
-
 TEST_F(Host, EachHookIsRequestedAtTheRealFunctionWithAHandlerOfItsOwn) {
-  registry_.config.json = kHeapHooksOn;
+  host_.json = kHeapHooksOn;
   ASSERT_NO_FATAL_FAILURE(Start());
-  const std::pair<const wchar_t*, test::SystemModule> expected[] = {
+  const std::pair<std::wstring, HMODULE> expected[] = {
       {L"RtlCompressBuffer", test::Ntdll()}, {L"RtlAllocateHeap", test::Ntdll()},
       {L"RtlReAllocateHeap", test::Ntdll()}, {L"RtlCompactHeap", test::Ntdll()},
       {L"RtlFreeHeap", test::Ntdll()},       {L"CreateToolhelp32Snapshot", test::Kernel32()}};
-  ASSERT_EQ(hooks_.requests.size(), std::size(expected));
+  ASSERT_EQ(host_.requests.size(), std::size(expected));
   for (std::size_t i = 0; i < std::size(expected); ++i) {
-    const auto& request = hooks_.requests[i];
+    const auto& request = host_.requests[i];
+    const std::string name(request.name.begin(), request.name.end());
     EXPECT_EQ(request.name, expected[i].first);
-    const std::string narrow(request.name.begin(), request.name.end());
-    EXPECT_EQ(request.slotValue, expected[i].second.Expected(narrow.c_str())) << narrow;
-    EXPECT_EQ(*request.slot, request.slotValue);
-    EXPECT_EQ(std::count_if(hooks_.requests.begin(), hooks_.requests.end(),
+    EXPECT_TRUE(request.slotValue == test::ExportOf(expected[i].second, name.c_str()) &&
+                *request.slot == request.slotValue)
+        << name;
+    EXPECT_EQ(std::count_if(host_.requests.begin(), host_.requests.end(),
                             [&](const auto& other) { return other.handler == request.handler; }),
               1);
   }
@@ -224,7 +203,7 @@ std::int32_t HostCompress(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint
 }
 void* HostSnapshot(std::uint32_t, std::uint32_t) {
   SetLastError(0x7B);
-  return reinterpret_cast<void*>(0x1234);
+  return kUntouched;
 }
 void* HostAllocate(void*, std::uint32_t, std::size_t size) { return std::malloc(size); }
 std::uint32_t HostFree(void*, std::uint32_t, void* base) {
@@ -235,8 +214,7 @@ std::uint32_t HostFree(void*, std::uint32_t, void* base) {
 TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
   using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t,
                                 std::uint32_t, std::uint32_t*, void*);
-  using Snapshot = void*(std::uint32_t, std::uint32_t);
-  registry_.config.json = kHeapHooksOn;
+  host_.json = kHeapHooksOn;
   ASSERT_NO_FATAL_FAILURE(Start({{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
                                  {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)},
                                  {L"RtlAllocateHeap", reinterpret_cast<void*>(&HostAllocate)},
@@ -244,30 +222,30 @@ TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
   const auto callEach = [&] {
     std::uint32_t finalSize = 0;
     SetLastError(1);
-    EXPECT_EQ(Handler<Compress>(L"RtlCompressBuffer")(2, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr), 0);
+    EXPECT_EQ(Handler<Compress>(L"RtlCompressBuffer")(0x0102, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr),
+              0);
     EXPECT_EQ(GetLastError(), 0x7Au);
     EXPECT_EQ(finalSize, 10u);
-    EXPECT_EQ(Handler<Snapshot>(L"CreateToolhelp32Snapshot")(6, 4321), reinterpret_cast<void*>(0x1234));
+    EXPECT_EQ(Handler<decltype(HostSnapshot)>(L"CreateToolhelp32Snapshot")(6, 4321), kUntouched);
     EXPECT_EQ(GetLastError(), 0x7Bu);
     void* block = Handler<decltype(HostAllocate)>(L"RtlAllocateHeap")(nullptr, 0, 32);
     EXPECT_EQ(Handler<decltype(HostFree)>(L"RtlFreeHeap")(nullptr, 0, block), 1u);
   };
   callEach();
-  const auto events = registry_.eventGenerator.Events();
-  ASSERT_EQ(events.size(), 2u);
-  const std::vector<BYTE> created(events[0].begin() + 21, events[0].begin() + 29);
-  EXPECT_EQ(events[0],
-            test::EventBytes().U16(17).Text("RtlCompressBuffer").U16(1).Raw(created).U16(2).U32(100).U32(120).bytes);
-  EXPECT_EQ(events[1],
-            test::EventBytes().U16(24).Text("CreateToolhelp32Snapshot").U16(1).Raw(created).U32(6).U32(4321).bytes);
-
+  const std::uint64_t created = platform::ProcessCreationTime();
+  ASSERT_NE(created, 0u);
+  // Format and engine as passed, then the capacity offered, not the final size.
+  EXPECT_EQ(host_.Events(),
+            (std::vector<std::vector<BYTE>>{
+                test::EventBytes().U16(17).Text("RtlCompressBuffer").U16(1).U64(created).U16(0x0102).U32(100).U32(120),
+                test::EventBytes().U16(24).Text("CreateToolhelp32Snapshot").U16(1).U64(created).U32(6).U32(4321)}));
   ASSERT_EQ(addon_->Stop(), S_OK);
   callEach();
-  EXPECT_EQ(registry_.eventGenerator.Events().size(), 2u) << "handlers only pass through after Stop";
-  test::FakeRegistry unused;
+  EXPECT_EQ(host_.Events().size(), 2u) << "handlers only pass through after Stop";
+  test::FakeHost unused;
   ASSERT_EQ(addon_->Initialize(&unused), S_OK);
-  Handler<Snapshot>(L"CreateToolhelp32Snapshot")(6, 4321);
-  EXPECT_EQ(registry_.eventGenerator.Events().size(), 3u);
+  Handler<decltype(HostSnapshot)>(L"CreateToolhelp32Snapshot")(6, 4321);
+  EXPECT_EQ(host_.Events().size(), 3u);
 }
 
 // Each identifier against its published value, written out independently of the product's.

@@ -1,13 +1,18 @@
 // LogMessage and its typed formatter: what a record carries, each writer's rules (one row a
-// case), the formats it refuses, and what logging costs while no log function is installed.
+// case), the formats it refuses, and what logging costs while no log function is installed;
+// and the log function that hands records to the host's logger.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <stdexcept>
 
+#include "KestrelLib/Globals.h"
+#include "KestrelLib/HostLogger.h"
+#include "libinfra/com/HResultError.h"
 #include "logging/LogMessage.h"
 #include "tests/support/AllocationCounter.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/TestHost.h"
 
 namespace {
 
@@ -82,6 +87,22 @@ TEST(LogMessage, RecordCarriesLevelSourceBaseNameAndLineOrAFixedLine) {
   EXPECT_EQ(log.records[1].level, tessel::LogLevel::Verbose);
   EXPECT_EQ(log.records[1].line, 36u);
   EXPECT_EQ(tessel::logging::win32ErrorText, L"Win32 Error");
+}
+
+TEST(HostLogger, SendsUtf8WithFileLineAndALevelFromOneToFive) {
+  test::FakeHost host;
+  tessel::Globals::logger = &host;
+  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"caf\u00e9 \u4e2d");
+  EXPECT_EQ(host.Records(), (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "caf\xc3\xa9 \xe4\xb8\xad"}}));
+  std::vector<std::int32_t> levels;
+  for (const int level : {0, 1, 2, 3, 4, 5, 6, 255}) {
+    tessel::SendToHostLogger(static_cast<tessel::LogLevel>(level), "f", 1, L"");
+    levels.push_back(host.Records().back().level);
+  }
+  EXPECT_EQ(levels, (std::vector<std::int32_t>{4, 1, 2, 3, 4, 5, 4, 4}));
+  EXPECT_EQ(host.Records().back().text, "");
+  tessel::Globals::logger = nullptr;
+  EXPECT_THROW(tessel::SendToHostLogger(tessel::LogLevel::Info, "f", 1, L"m"), com::HResultError);
 }
 
 }  // namespace

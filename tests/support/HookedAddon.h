@@ -1,35 +1,43 @@
 #pragma once
-// A test fixture that runs the add-on as a host does: created through the module's exports,
-// initialised with the test registry, then told of the loads of ntdll and kernel32, so that the
-// hook service holds a handler for each requested function. Each slot is left as
-// `realFunctions` says, or at the function the add-on resolved.
+// A test fixture that runs the add-on as a host does: created through the module's two exports
+// (on Windows, in the host suite, those of the built Kestrel.dll), initialised with the fake
+// host, then told of the loads of ntdll and kernel32, so that the host holds a handler for each
+// requested function. Each slot is left as `realFunctions` says, or at the resolved function.
 #include <gtest/gtest.h>
 
 #include <map>
 #include <string>
 
-#include "addon/HostInterfaces.h"
 #include "libinfra/com/Ptr.h"
-#include "tests/support/AddonModule.h"
 #include "tests/support/TestHost.h"
 
 namespace test {
 
+struct AddonModule {
+  HRESULT(STDAPICALLTYPE* DllGetClassObject)(REFCLSID clsid, REFIID iid, void** object);
+  HRESULT(STDAPICALLTYPE* DllCanUnloadNow)();
+  static AddonModule Load();  // fails the current test if the module cannot be reached
+};
+
 class HookedAddon : public ::testing::Test {
  protected:
-  // Call with ASSERT_NO_FATAL_FAILURE.
-  void Start(std::map<std::wstring, void*> realFunctions = {});
+  void Start(std::map<std::wstring, void*> realFunctions = {});  // call with ASSERT_NO_FATAL_FAILURE
 
   template <typename Function>
-  Function* Handler(const wchar_t* name) const {
-    return reinterpret_cast<Function*>(handlers_.at(name));
+  Function* Handler(std::wstring_view name) const {
+    for (const HookRequest& request : host_.requests) {
+      if (request.name == name) {
+        return reinterpret_cast<Function*>(request.handler);
+      }
+    }
+    ADD_FAILURE() << "no hook requested for the function";
+    return nullptr;
   }
+  com::Ptr<_ITarnAddon> CreateAddon() const;
 
   AddonModule module_ = AddonModule::Load();
-  com::Ptr<_ITarnAddon> addon_ = module_.CreateAddon();
-  FakeRegistry registry_;
-  FakeHookService hooks_;
-  std::map<std::wstring, void*> handlers_;
+  com::Ptr<_ITarnAddon> addon_ = CreateAddon();
+  FakeHost host_;
 };
 
 }  // namespace test

@@ -1,5 +1,5 @@
 #include "addon/DllExports.h"
-#include "tests/support/AddonModule.h"
+#include "tests/support/HookedAddon.h"
 
 namespace test {
 
