@@ -26,8 +26,7 @@ failures = []
 
 def check(condition, what):
     print(("ok    " if condition else "FAIL  ") + what)
-    if not condition:
-        failures.append(what)
+    failures.extend([] if condition else [what])
 
 
 def tool(prefix, name, *args):
@@ -55,28 +54,19 @@ def kind_of(rva, ranges):
     return next((kind for start, end, kind in ranges if start <= rva < end), None)
 
 
-class Image:
-    """Reads pointers out of the file by virtual address."""
-
-    def __init__(self, path, sections, base):
-        self.data = open(path, "rb").read()
-        self.base = base
-        self.sections = [(int(va, 16), int(size), int(raw, 16)) for va, size, raw in re.findall(
-            r"VirtualAddress: 0x([0-9A-F]+)\n\s*RawDataSize: (\d+)\n\s*PointerToRawData: 0x([0-9A-F]+)", sections)]
-
-    def pointer(self, va):
-        rva = va - self.base
-        for start, size, raw in self.sections:
-            if start <= rva < start + size:
-                return struct.unpack_from("<Q", self.data, raw + rva - start)[0]
-        raise ValueError(f"{va:#x} is not in the file")
-
-    def callbacks(self, va):
-        found = []
-        while (callback := self.pointer(va)) != 0:
-            found.append(callback)
-            va += 8
-        return found
+def tls_callbacks(path, sections, base, va):
+    """The callback addresses of a TLS directory's null-terminated list, read from the file."""
+    data = open(path, "rb").read()
+    found = []
+    while True:
+        rva = va - base
+        raw = next(int(raw, 16) + rva - int(start, 16) for start, size, raw in re.findall(
+            r"VirtualAddress: 0x([0-9A-F]+)\n\s*RawDataSize: (\d+)\n\s*PointerToRawData: 0x([0-9A-F]+)", sections)
+            if int(start, 16) <= rva < int(start, 16) + int(size))
+        if (callback := struct.unpack_from("<Q", data, raw)[0]) == 0:
+            return found
+        found.append(callback)
+        va += 8
 
 
 def tls_index_reads(disassembly, candidates):
@@ -97,7 +87,7 @@ def tls_index_reads(disassembly, candidates):
 
 def check_tls(prefix, dll, headers, load_configs):
     base = int(field(headers, "ImageBase"), 16)
-    image = Image(dll, tool(prefix, "llvm-readobj", "--sections", dll), base)
+    sections = tool(prefix, "llvm-readobj", "--sections", dll)
     symbols = tool(prefix, "llvm-nm", dll)
     names = {int(va, 16): name for va, name in re.findall(r"^([0-9a-f]+) \w (\S+)$", symbols, re.M)}
     indexes = {int(va, 16) for va in re.findall(r"^([0-9a-f]+) \w _tls_index$", symbols, re.M)}
@@ -111,7 +101,7 @@ def check_tls(prefix, dll, headers, load_configs):
                                f"({index:#x}): reads {sorted(hex(va) for va in read)}")
         check(field(directory, "StartAddressOfRawData") == field(directories[0], "StartAddressOfRawData"),
               f"{view}: its TLS template starts where the other view's does, at the .tls section")
-        callbacks = image.callbacks(int(field(directory, "AddressOfCallBacks"), 16))
+        callbacks = tls_callbacks(dll, sections, base, int(field(directory, "AddressOfCallBacks"), 16))
         described = [f"{names.get(va, '?')} ({kind_of(va - base, ranges)})" for va in callbacks]
         check(all(kind_of(va - base, ranges) == code for va in callbacks),
               f"{view}: the loader runs only {view} TLS callbacks: {described}")
