@@ -85,6 +85,7 @@ TEST(Catalogue, HeapRowsFollowTheFlagEveryRowTakesAnyVersionAndModuleKeysIgnoreC
             std::vector<bool>({false, true, true, false}));
   for (const auto& [name, key] :
        std::initializer_list<std::pair<const wchar_t*, const wchar_t*>>{{L"KERNEL32.DLL", L"kernel32"},
+                                                                        {L"ADVAPI32.DLL", L"advapi32"},
                                                                         {L"Zz.dll", L"zz"},
                                                                         {L"ntdll.dll.mui", L"ntdll.dll"},
                                                                         {L".dll", L""},
