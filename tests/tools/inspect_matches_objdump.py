@@ -13,26 +13,23 @@ import shlex
 import subprocess
 import sys
 
-OBJDUMP = "x86_64-w64-mingw32-objdump"
 ADDRESS = re.compile(r"^\t\[\s*(\d+)\] \+base\[\s*\d+\] ([0-9a-f]+) (Export|Forwarder) RVA(?: -- (\S+))?$")
 NAME = re.compile(r"^\t\[\s*(\d+)\] (\S+)$")
 
 
 def objdump_exports(path):
     """{name: ("rva", int) or ("forward", str)}, or None for a file objdump gives no table for."""
-    text = subprocess.run([OBJDUMP, "-p", str(path)], capture_output=True, text=True, check=False).stdout
+    text = subprocess.run(["x86_64-w64-mingw32-objdump", "-p", str(path)], capture_output=True, text=True).stdout
     if "file format pei-x86-64" not in text:
         return None
     addresses, names, section = {}, {}, None
     for line in text.splitlines():
-        if line.startswith("Export Address Table -- "):
-            section = "addresses"
-        elif line.startswith("[Ordinal/Name Pointer] Table"):
-            section = "names"
-        elif section == "addresses" and (match := ADDRESS.match(line)):
+        if line.startswith(("Export Address Table -- ", "[Ordinal/Name Pointer] Table")):
+            section = line[0]
+        elif section == "E" and (match := ADDRESS.match(line)):
             index, rva, kind, forward = match.groups()
             addresses[int(index)] = ("forward", forward) if kind == "Forwarder" else ("rva", int(rva, 16))
-        elif section == "names" and (match := NAME.match(line)):
+        elif section == "[" and (match := NAME.match(line)):
             names[match.group(2)] = addresses.get(int(match.group(1)))
         elif not line.strip():
             section = None
@@ -40,41 +37,29 @@ def objdump_exports(path):
 
 
 def inspect_exports(command, path):
-    run = subprocess.run(command + ["--json", "exports", str(path)], capture_output=True, text=True, check=False)
+    run = subprocess.run(command + ["--json", "exports", str(path)], capture_output=True, text=True)
     if run.returncode != 0:
         raise RuntimeError(f"kestrel-inspect failed on {path}: {run.stderr.strip()}")
-    result = {}
-    for entry in json.loads(run.stdout.splitlines()[-1])["exports"]:
-        if "forward" in entry:
-            result[entry["name"]] = ("forward", entry["forward"])
-        elif "rva" in entry:
-            result[entry["name"]] = ("rva", int(entry["rva"], 16))
-        else:
-            result[entry["name"]] = ("status", entry["status"])
-    return result
+    return {e["name"]: ("forward", e["forward"]) if "forward" in e else ("rva", int(e["rva"], 16)) if "rva" in e
+            else ("status", e["status"]) for e in json.loads(run.stdout.splitlines()[-1])["exports"]}
 
 
 def main():
     command = shlex.split(sys.argv[1])
-    files = []
-    for argument in sys.argv[2:]:
-        path = pathlib.Path(argument)
-        files += sorted(path.rglob("*.dll")) if path.is_dir() else [path]
+    paths = [pathlib.Path(argument) for argument in sys.argv[2:]]
+    files = [found for path in paths for found in (sorted(path.rglob("*.dll")) if path.is_dir() else [path])]
     compared = names = 0
     failures = []
     for path in files:
-        expected = objdump_exports(path)
-        if expected is None:
+        if (expected := objdump_exports(path)) is None:
             continue
         try:
             actual = inspect_exports(command, path)
         except RuntimeError as error:
             failures.append(str(error))
             continue
-        compared += 1
-        names += len(expected)
-        if actual != expected:
-            differing = sorted(n for n in set(actual) | set(expected) if actual.get(n) != expected.get(n))
+        compared, names = compared + 1, names + len(expected)
+        if differing := sorted(n for n in set(actual) | set(expected) if actual.get(n) != expected.get(n)):
             failures.append(f"{path}: {len(differing)} differ, e.g. " +
                             ", ".join(f"{n}: {actual.get(n)} vs {expected.get(n)}" for n in differing[:3]))
     for failure in failures:
