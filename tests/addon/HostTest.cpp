@@ -163,11 +163,8 @@ const std::string kParseError =
 INSTANTIATE_TEST_SUITE_P(
     Documents, Configuration,
     ::testing::Values(ConfigCase{"HeapHooksOn", kHeapHooksOn, S_OK, "", true},
-                      ConfigCase{"EmptyObject", L"{}", S_OK, "", false},
                       ConfigCase{"ServiceFails", kHeapHooksOn, E_FAIL,
                                  "2 103 Failed to retrieve module configuration: HRESULT 0x80004005\n", false},
-                      ConfigCase{"String", L"{\"flags\":{\"hookHeapAllocator\":\"true\"}}", S_OK,
-                                 "2 110 Failed to initialize configuration: Not a bool\n", false},
                       ConfigCase{"NullBstr", std::nullopt, S_OK, kParseError + "at line 1, column 1", false},
                       ConfigCase{"TextAfterANul", kHeapHooksOn + L'\0' + L"junk", S_OK,
                                  kParseError + "at line 1, column 37", false}),
