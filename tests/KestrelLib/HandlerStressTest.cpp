@@ -59,12 +59,10 @@ TEST_F(HandlerStress, HandlersNotificationsAndLifecycleTogether) {
                                  {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&RealSnapshot)}}));
   ASSERT_EQ(host_.requests.size(), 6u);
   // Later loads find every hook applied: no notification writes a slot the handlers are reading.
-  IUnknown* hooks = static_cast<_ITarnHookService*>(&host_);
-  _ITarnDllEvents* sink = host_.Sink();
   const auto notify = [&] {
-    sink->OnModuleLoad(test::Ntdll(), 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll", 0, hooks);
-    sink->OnModuleLoad(test::Kernel32(), 1, L"kernel32.dll", L"C:\\Windows\\System32\\kernel32.dll", 0, hooks);
-    sink->OnModuleLoad(test::Kernel32(), 1, L"user32.dll", L"C:\\Windows\\System32\\user32.dll", 0, hooks);
+    Load(test::Ntdll(), L"ntdll.dll");
+    Load(test::Kernel32(), L"kernel32.dll");
+    Load(test::Kernel32(), L"user32.dll");
   };
   auto* allocate = Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap");
   auto* reallocate = Handler<tessel::RtlReAllocateHeapFunction>(L"RtlReAllocateHeap");

@@ -23,11 +23,17 @@ void HookedAddon::Start(std::map<std::wstring, void*> realFunctions) {
   ASSERT_EQ(addon_->Initialize(&host_), S_OK);
   ASSERT_NE(host_.Sink(), nullptr);
   host_.realFunctions = std::move(realFunctions);
-  IUnknown* hooks = static_cast<_ITarnHookService*>(&host_);
-  ASSERT_EQ(host_.Sink()->OnModuleLoad(Ntdll(), 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll", 0, hooks), S_OK);
-  ASSERT_EQ(
-      host_.Sink()->OnModuleLoad(Kernel32(), 1, L"KERNEL32.DLL", L"C:\\Windows\\System32\\kernel32.dll", 0, hooks),
-      S_OK);
+  ASSERT_EQ(Load(Ntdll(), L"ntdll.dll"), S_OK);
+  ASSERT_EQ(Load(Kernel32(), L"KERNEL32.DLL"), S_OK);
+}
+
+HRESULT HookedAddon::Load(HMODULE base, const wchar_t* name, IUnknown* hooks) {
+  return host_.Sink()->OnModuleLoad(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str(), 0,
+                                    hooks != nullptr ? hooks : static_cast<_ITarnHookService*>(&host_));
+}
+
+HRESULT HookedAddon::Unload(HMODULE base, const wchar_t* name) {
+  return host_.Sink()->OnModuleUnload(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str());
 }
 
 }  // namespace test

@@ -22,6 +22,9 @@ struct AddonModule {
 class HookedAddon : public ::testing::Test {
  protected:
   void Start(std::map<std::wstring, void*> realFunctions = {});  // call with ASSERT_NO_FATAL_FAILURE
+  // A module load or unload as the host reports it, from System32; by default this host's hook service.
+  HRESULT Load(HMODULE base, const wchar_t* name, IUnknown* hooks = nullptr);
+  HRESULT Unload(HMODULE base, const wchar_t* name);
 
   template <typename Function>
   Function* Handler(std::wstring_view name) const {
