@@ -4,14 +4,12 @@
 // in its own process, since the library never resets its process-wide state.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
+#include <optional>
 
 #include "libinfra/com/WeakReference.h"
 #include "libinfra/platform/Platform.h"
 #include "tests/support/EventBytes.h"
 #include "tests/support/HookedAddon.h"
-#include "tests/support/SystemModules.h"
 
 namespace {
 
@@ -35,7 +33,7 @@ void ExpectRefused(IUnknown* object, std::initializer_list<GUID> refused) {
 
 class Host : public test::HookedAddon {};
 
-TEST_F(Host, ClassObjectsComeOnlyForTheClassIdAndKeepTheModuleLoaded) {
+TEST_F(Host, ActivatesOnlyItsClassInitializesOnceAndKeepsTheModuleLoadedOnceInitialized) {
   addon_ = {};
   CLSID almost = CLSID_KestrelAddon;
   almost.Data4[7] ^= 1;
@@ -45,36 +43,18 @@ TEST_F(Host, ClassObjectsComeOnlyForTheClassIdAndKeepTheModuleLoaded) {
   EXPECT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, _ITarnAddon::kIid, &object), E_NOINTERFACE);
   EXPECT_EQ(object, nullptr);
   EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "the refused factory is destroyed";
-
-  com::Ptr<IClassFactory> factories[2];
-  for (auto& factory : factories) {
-    ASSERT_EQ(
-        module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
-        S_OK);
-  }
-  EXPECT_NE(factories[0].Get(), factories[1].Get());
-  ExpectRefused(factories[0].Get(), {_ITarnAddon::kIid, kIidIAgileObject, kIidIMarshal});
-  EXPECT_EQ(factories[0]->LockServer(TRUE), S_OK);
-  EXPECT_EQ(factories[0]->CreateInstance(factories[0].Get(), _ITarnAddon::kIid, &object), CLASS_E_NOAGGREGATION);
-  EXPECT_EQ(object, nullptr);
-  EXPECT_EQ(factories[0]->CreateInstance(nullptr, kIidIMarshal, &object), E_NOINTERFACE);
-  EXPECT_EQ(object, nullptr);
-  factories[0] = {};
+  com::Ptr<IClassFactory> factory;
+  ASSERT_EQ(
+      module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
+      S_OK);
+  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+  EXPECT_EQ(factory->CreateInstance(factory.Get(), _ITarnAddon::kIid, &object), CLASS_E_NOAGGREGATION);
+  ExpectRefused(factory.Get(), {_ITarnAddon::kIid, kIidIAgileObject, kIidIMarshal});
   EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE);
-  factories[1] = {};
-  EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "LockServer is not counted, the refused add-on was destroyed";
-}
-
-TEST_F(Host, TheAddonHasOneIdentityAndAnswersOnlyItsInterfacesAndWeakReferences) {
-  com::Ptr<IUnknown> identity;
-  com::Ptr<com::IWeakReferenceSource> source;
-  ASSERT_EQ(addon_->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(identity.Put())), S_OK);
-  EXPECT_EQ(identity.Get(), static_cast<IUnknown*>(addon_.Get()));
+  factory = {};
+  addon_ = CreateAddon();
   ExpectRefused(addon_.Get(), {com::kIidIClassFactory, kIidIAgileObject, kIidIMarshal, _ITarnDllEvents::kIid});
-  EXPECT_EQ(addon_->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(source.Put())), S_OK);
-}
 
-TEST_F(Host, InitializeQueriesTheServicesInOrderAndLaterCallsReuseThem) {
   EXPECT_EQ(addon_->Initialize(nullptr), E_INVALIDARG);
   EXPECT_EQ(addon_->Stop(), S_OK);
   EXPECT_EQ(addon_->Initialize(&host_), S_OK);
@@ -83,8 +63,6 @@ TEST_F(Host, InitializeQueriesTheServicesInOrderAndLaterCallsReuseThem) {
                                       "QueryService(injected CP container)", "GetModuleConfiguration",
                                       "FindConnectionPoint(_ITarnDllEvents)", "Advise"}));
   EXPECT_EQ(host_.References(), 6u) << "the registry, four services and the connection point";
-  EXPECT_TRUE(host_.Records("Globals.cpp").empty());
-
   test::FakeHost second;
   EXPECT_EQ(addon_->Stop(), S_OK);
   EXPECT_EQ(addon_->Initialize(&second), S_OK);
@@ -96,100 +74,63 @@ TEST_F(Host, InitializeQueriesTheServicesInOrderAndLaterCallsReuseThem) {
   EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE) << "kept loaded after a successful Initialize";
 }
 
-// A failed query fails Initialize, what was acquired stays, and a retry only logs that it skips.
-struct QueryFailure {
-  Service service;
-  HRESULT result;
-  std::size_t queries;  // and references kept
-  const char* logged;   // the name in the failure record, if any
-};
-
-class FailedQuery : public test::HookedAddon, public ::testing::WithParamInterface<QueryFailure> {};
-
-TEST_P(FailedQuery, FailsInitializeAndKeepsWhatWasAcquired) {
-  const QueryFailure& failure = GetParam();
-  host_.failures[failure.service] = failure.result;
-  EXPECT_EQ(addon_->Initialize(&host_), E_FAIL);
-  EXPECT_EQ(host_.calls.size(), failure.queries);
-  EXPECT_EQ(host_.References(), failure.queries);
-  std::vector<LogRecord> expected;
-  if (failure.logged != nullptr) {
-    expected = {{2, "Globals.cpp", 80,
-                 std::string("Failed to initialize globals: Failed to query the COM interface for the ") +
-                     failure.logged + " object"},
-                {4, "Globals.cpp", 88, "Releasing global objects"}};
-  }
-  EXPECT_EQ(host_.Records(), expected);
-  test::FakeHost second;
-  EXPECT_EQ(addon_->Initialize(&second), S_OK);
-  EXPECT_TRUE(second.calls.empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(EachService, FailedQuery,
-                         ::testing::Values(QueryFailure{Service::Logger, E_NOINTERFACE, 1, nullptr},
-                                           QueryFailure{Service::Config, E_FAIL, 2, "config"},
-                                           QueryFailure{Service::Config, S_OK, 4,
-                                                        nullptr},  // success, no object: not a logged failure
-                                           QueryFailure{Service::EventGenerator, E_FAIL, 3, "event generator"},
-                                           QueryFailure{Service::CpContainer, E_FAIL, 4, "injected CP container"}));
-
-// The configuration as the host hands it over: Globals.cpp's one record, if any (its level,
-// line and the start of its text), and whether the heap hooks are requested.
-struct ConfigCase {
+// A host that fails the add-on: a missing service fails Initialize and keeps what was acquired
+// (a reference per query); a missing or bad configuration leaves the heap hooks off. Globals.cpp's
+// records by level, line and the start of their text.
+struct Trouble {
   const char* name;
+  std::optional<Service> missing;
+  HRESULT queryResult;
   std::optional<std::wstring> json;  // none: a null BSTR
-  HRESULT serviceResult;
-  std::string record;
-  bool heapHooks;
+  HRESULT configResult;
+  ULONG references;  // after Initialize; 0: Initialize succeeds and the hooks are requested
+  std::string records;
 };
 
-class Configuration : public test::HookedAddon, public ::testing::WithParamInterface<ConfigCase> {};
+class HostTrouble : public test::HookedAddon, public ::testing::WithParamInterface<Trouble> {};
 
-TEST_P(Configuration, IsReadOnceAndABadOneLeavesTheHeapHooksOff) {
-  host_.json = GetParam().json;
-  host_.configResult = GetParam().serviceResult;
-  ASSERT_NO_FATAL_FAILURE(Start());
+TEST_P(HostTrouble, FailsInitializeOrLeavesTheHeapHooksOff) {
+  const Trouble& trouble = GetParam();
+  if (trouble.missing) {
+    host_.failures[*trouble.missing] = trouble.queryResult;
+  }
+  host_.json = trouble.json;
+  host_.configResult = trouble.configResult;
+  if (trouble.references != 0) {
+    EXPECT_EQ(addon_->Initialize(&host_), E_FAIL);
+    EXPECT_EQ(host_.References(), trouble.references);
+  } else {
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ(host_.requests.size(), trouble.json == kHeapHooksOn && trouble.configResult == S_OK ? 6u : 2u);
+  }
   std::string logged;
   for (const LogRecord& record : host_.Records("Globals.cpp")) {
     logged += std::to_string(record.level) + " " + std::to_string(record.line) + " " + record.text + "\n";
   }
-  EXPECT_EQ(logged.substr(0, GetParam().record.size()), GetParam().record);
-  EXPECT_EQ(logged.empty(), GetParam().record.empty()) << logged;
-  EXPECT_EQ(host_.requests.size(), GetParam().heapHooks ? 6u : 2u);
+  EXPECT_EQ(logged.substr(0, trouble.records.size()), trouble.records);
+  EXPECT_EQ(logged.empty(), trouble.records.empty()) << logged;
 }
 
+const std::string kQueryFailed = "2 80 Failed to initialize globals: Failed to query the COM interface for the ";
+const std::string kReleased = " object\n4 88 Releasing global objects\n";
 const std::string kParseError =
-    "2 110 Failed to initialize configuration: [json.exception.parse_error.101] parse error ";
+    "2 110 Failed to initialize configuration: [json.exception.parse_error.101] parse error at line 1, column ";
 INSTANTIATE_TEST_SUITE_P(
-    Documents, Configuration,
-    ::testing::Values(ConfigCase{"HeapHooksOn", kHeapHooksOn, S_OK, "", true},
-                      ConfigCase{"ServiceFails", kHeapHooksOn, E_FAIL,
-                                 "2 103 Failed to retrieve module configuration: HRESULT 0x80004005\n", false},
-                      ConfigCase{"NullBstr", std::nullopt, S_OK, kParseError + "at line 1, column 1", false},
-                      ConfigCase{"TextAfterANul", kHeapHooksOn + L'\0' + L"junk", S_OK,
-                                 kParseError + "at line 1, column 37", false}),
+    Rows, HostTrouble,
+    ::testing::Values(
+        Trouble{"NoLogger", Service::Logger, E_NOINTERFACE, L"{}", S_OK, 1, ""},
+        Trouble{"NoConfig", Service::Config, E_FAIL, L"{}", S_OK, 2, kQueryFailed + "config" + kReleased},
+        Trouble{"NullConfig", Service::Config, S_OK, L"{}", S_OK, 4, ""},  // success, no object: not logged
+        Trouble{"NoEvents", Service::EventGenerator, E_FAIL, L"{}", S_OK, 3,
+                kQueryFailed + "event generator" + kReleased},
+        Trouble{"NoContainer", Service::CpContainer, E_FAIL, L"{}", S_OK, 4,
+                kQueryFailed + "injected CP container" + kReleased},
+        Trouble{"HeapHooksOn", std::nullopt, S_OK, kHeapHooksOn, S_OK, 0, ""},
+        Trouble{"ConfigFails", std::nullopt, S_OK, kHeapHooksOn, E_FAIL, 0,
+                "2 103 Failed to retrieve module configuration: HRESULT 0x80004005\n"},
+        Trouble{"NullBstr", std::nullopt, S_OK, std::nullopt, S_OK, 0, kParseError + "1"},
+        Trouble{"TextAfterANul", std::nullopt, S_OK, kHeapHooksOn + L'\0' + L"junk", S_OK, 0, kParseError + "37"}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(Host, EachHookIsRequestedAtTheRealFunctionWithAHandlerOfItsOwn) {
-  host_.json = kHeapHooksOn;
-  ASSERT_NO_FATAL_FAILURE(Start());
-  const std::pair<std::wstring, HMODULE> expected[] = {
-      {L"RtlCompressBuffer", test::Ntdll()}, {L"RtlAllocateHeap", test::Ntdll()},
-      {L"RtlReAllocateHeap", test::Ntdll()}, {L"RtlCompactHeap", test::Ntdll()},
-      {L"RtlFreeHeap", test::Ntdll()},       {L"CreateToolhelp32Snapshot", test::Kernel32()}};
-  ASSERT_EQ(host_.requests.size(), std::size(expected));
-  for (std::size_t i = 0; i < std::size(expected); ++i) {
-    const auto& request = host_.requests[i];
-    const std::string name(request.name.begin(), request.name.end());
-    EXPECT_EQ(request.name, expected[i].first);
-    EXPECT_TRUE(request.slotValue == test::ExportOf(expected[i].second, name.c_str()) &&
-                *request.slot == request.slotValue)
-        << name;
-    EXPECT_EQ(std::count_if(host_.requests.begin(), host_.requests.end(),
-                            [&](const auto& other) { return other.handler == request.handler; }),
-              1);
-  }
-}
 
 // The host's own stand-ins for the real functions, so that the calls are safe to make.
 std::int32_t HostCompress(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
@@ -202,20 +143,11 @@ void* HostSnapshot(std::uint32_t, std::uint32_t) {
   SetLastError(0x7B);
   return kUntouched;
 }
-void* HostAllocate(void*, std::uint32_t, std::size_t size) { return std::malloc(size); }
-std::uint32_t HostFree(void*, std::uint32_t, void* base) {
-  std::free(base);
-  return 1;
-}
-
 TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
   using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t,
                                 std::uint32_t, std::uint32_t*, void*);
-  host_.json = kHeapHooksOn;
   ASSERT_NO_FATAL_FAILURE(Start({{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
-                                 {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)},
-                                 {L"RtlAllocateHeap", reinterpret_cast<void*>(&HostAllocate)},
-                                 {L"RtlFreeHeap", reinterpret_cast<void*>(&HostFree)}}));
+                                 {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)}}));
   const auto callEach = [&] {
     std::uint32_t finalSize = 0;
     SetLastError(1);
@@ -225,8 +157,6 @@ TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
     EXPECT_EQ(finalSize, 10u);
     EXPECT_EQ(Handler<decltype(HostSnapshot)>(L"CreateToolhelp32Snapshot")(6, 4321), kUntouched);
     EXPECT_EQ(GetLastError(), 0x7Bu);
-    void* block = Handler<decltype(HostAllocate)>(L"RtlAllocateHeap")(nullptr, 0, 32);
-    EXPECT_EQ(Handler<decltype(HostFree)>(L"RtlFreeHeap")(nullptr, 0, block), 1u);
   };
   callEach();
   const std::uint64_t created = platform::ProcessCreationTime();
