@@ -7,63 +7,54 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <set>
 #include <thread>
+#include <type_traits>
 
 #include "KestrelLib/HookGuard.h"
 #include "KestrelLib/PayloadSender.h"
 #include "KestrelLib/TrapList.auto.h"
 #include "tests/support/HookedAddon.h"
-#include "tests/support/SystemModules.h"
 
 namespace {
 
-void* RealAllocate(void*, std::uint32_t, std::size_t size) {
-  SetLastError(1);
-  return std::malloc(size);
-}
-void* RealReAllocate(void*, std::uint32_t, void* base, std::size_t size) {
-  SetLastError(2);
-  return std::realloc(base, size);
-}
-std::size_t RealCompact(void*, std::uint32_t) {
-  SetLastError(3);
-  return 4096;
-}
-std::uint32_t RealFree(void*, std::uint32_t, void* base) {
-  SetLastError(4);
-  std::free(base);
-  return 1;
-}
-void* RealSnapshot(std::uint32_t, std::uint32_t processId) {
-  SetLastError(5);
-  return reinterpret_cast<void*>(std::uintptr_t{processId} + 1);
-}
-std::int32_t RealCompress(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
-                          std::uint32_t*, void*) {
-  SetLastError(6);
-  return 0;
-}
+// A real function: sets `Error` as the last-error value and returns it as its result type.
+template <typename Function, DWORD Error>
+struct Real;
+template <typename Result, typename... Args, DWORD Error>
+struct Real<Result(Args...), Error> {
+  static Result Value() {
+    if constexpr (std::is_pointer_v<Result>) {
+      return reinterpret_cast<Result>(std::uintptr_t{Error});
+    } else {
+      return static_cast<Result>(Error);
+    }
+  }
+  static Result Call(Args...) {
+    SetLastError(Error);
+    return Value();
+  }
+  static bool Returned(Result result) { return GetLastError() == Error && result == Value(); }
+};
+using Allocate = Real<tessel::RtlAllocateHeapFunction, 1>;
+using ReAllocate = Real<tessel::RtlReAllocateHeapFunction, 2>;
+using Compact = Real<tessel::RtlCompactHeapFunction, 3>;
+using Free = Real<tessel::RtlFreeHeapFunction, 4>;
+using Snapshot = Real<tessel::CreateToolhelp32SnapshotFunction, 5>;
+using Compress = Real<tessel::RtlCompressBufferFunction, 6>;
 
 class HandlerStress : public test::HookedAddon {};
 
 TEST_F(HandlerStress, HandlersNotificationsAndLifecycleTogether) {
   host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
   host_.loseEvery = 7;
-  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&RealAllocate)},
-                                 {L"RtlReAllocateHeap", reinterpret_cast<void*>(&RealReAllocate)},
-                                 {L"RtlCompactHeap", reinterpret_cast<void*>(&RealCompact)},
-                                 {L"RtlFreeHeap", reinterpret_cast<void*>(&RealFree)},
-                                 {L"RtlCompressBuffer", reinterpret_cast<void*>(&RealCompress)},
-                                 {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&RealSnapshot)}}));
+  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&Allocate::Call)},
+                                 {L"RtlReAllocateHeap", reinterpret_cast<void*>(&ReAllocate::Call)},
+                                 {L"RtlCompactHeap", reinterpret_cast<void*>(&Compact::Call)},
+                                 {L"RtlFreeHeap", reinterpret_cast<void*>(&Free::Call)},
+                                 {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&Snapshot::Call)},
+                                 {L"RtlCompressBuffer", reinterpret_cast<void*>(&Compress::Call)}}));
   ASSERT_EQ(host_.requests.size(), 6u);
-  // Later loads find every hook applied: no notification writes a slot the handlers are reading.
-  const auto notify = [&] {
-    Load(test::Ntdll(), L"ntdll.dll");
-    Load(test::Kernel32(), L"kernel32.dll");
-    Load(test::Kernel32(), L"user32.dll");
-  };
   auto* allocate = Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap");
   auto* reallocate = Handler<tessel::RtlReAllocateHeapFunction>(L"RtlReAllocateHeap");
   auto* compact = Handler<tessel::RtlCompactHeapFunction>(L"RtlCompactHeap");
@@ -77,30 +68,27 @@ TEST_F(HandlerStress, HandlersNotificationsAndLifecycleTogether) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      const auto check = [&](bool resultRight, DWORD expectedError) {
-        wrong += resultRight && GetLastError() == expectedError ? 0 : 1;
-      };
       // Until the host has dropped a thousand events, which the logging rule needs.
       for (int i = 0; i < 2000 || tessel::lostEventsCount.load() < 1000; ++i) {
-        void* block = allocate(nullptr, 0, 64);
-        check(block != nullptr, 1);
-        static_cast<volatile char*>(block)[63] = 1;
-        block = reallocate(nullptr, 0, block, 128);
-        check(block != nullptr, 2);
-        check(compact(nullptr, 0) == 4096, 3);
-        check(release(nullptr, 0, block) == 1, 4);
-        check(snapshot(2, static_cast<std::uint32_t>(t)) == reinterpret_cast<void*>(std::uintptr_t(t) + 1), 5);
         std::uint32_t finalSize = 0;
-        check(compress(2, nullptr, 8, nullptr, 8, 8, &finalSize, nullptr) == 0, 6);
+        wrong += Allocate::Returned(allocate(nullptr, 0, 64)) &&
+                         ReAllocate::Returned(reallocate(nullptr, 0, nullptr, 128)) &&
+                         Compact::Returned(compact(nullptr, 0)) && Free::Returned(release(nullptr, 0, nullptr)) &&
+                         Snapshot::Returned(snapshot(2, static_cast<std::uint32_t>(t))) &&
+                         Compress::Returned(compress(2, nullptr, 8, nullptr, 8, 8, &finalSize, nullptr))
+                     ? 0
+                     : 1;
       }
       const tessel::HookGuard& guard = tessel::threadHookGuard;
       wrong += guard.activeBits != 0 || guard.frameChain != nullptr || guard.allHooksActive ? 1 : 0;
       --running;
     });
   }
-  threads.emplace_back([&] {
+  threads.emplace_back([&] {  // later loads find every hook applied: no slot is written again
     while (running > 0) {
-      notify();
+      Load(test::SystemModule(L"ntdll.dll"), L"ntdll.dll");
+      Load(test::SystemModule(L"kernel32.dll"), L"kernel32.dll");
+      Load(test::SystemModule(L"kernel32.dll"), L"user32.dll");
     }
   });
   threads.emplace_back([&] {

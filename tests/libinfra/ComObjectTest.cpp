@@ -4,7 +4,6 @@
 #include "libinfra/com/LifetimeList.h"
 #include "libinfra/com/Object.h"
 #include "libinfra/com/UnownedObject.h"
-#include "tests/support/AllocationCounter.h"
 
 namespace {
 
@@ -74,20 +73,6 @@ TEST(ComObject, WeakReferenceResolvesWhileTheObjectLivesAndFailsSoftlyAfterwards
   EXPECT_EQ(LiveObjects(), baseline + 1);
   weak = {};
   EXPECT_EQ(LiveObjects(), baseline);
-}
-
-TEST(ComObject, WeakReferenceSourceAllocationFailureIsOutOfMemoryAndLeavesNothingHalfBuilt) {
-  KESTREL_REQUIRE_ALLOCATION_COUNTER();
-  const std::int32_t baseline = LiveObjects();
-  bool destroyed = false;
-  com::Ptr<Widget> widget = com::Make<Widget>(destroyed);
-  test::FailNextNothrowAllocation();
-  void* source = &destroyed;
-  EXPECT_EQ(widget->QueryInterface(com::kIidIWeakReferenceSource, &source), E_OUTOFMEMORY);
-  EXPECT_EQ(source, nullptr);
-  EXPECT_EQ(LiveObjects(), baseline + 1);
-  com::Ptr<IUnknown> retry;
-  EXPECT_EQ(widget->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(retry.Put())), S_OK);
 }
 
 TEST(ComObjectDeathTest, MoreDestructionsThanConstructionsTerminate) {

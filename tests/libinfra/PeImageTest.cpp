@@ -8,8 +8,8 @@
 
 #include "libinfra/win32/ExportResolver.h"
 #include "libinfra/win32/VersionResource.h"
-#include "tests/support/CapturedLog.h"
 #include "tests/support/PeImageBuilder.h"
+#include "tests/support/TestHost.h"
 
 namespace {
 
@@ -128,21 +128,24 @@ TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenTheBlockHolds
       {{.signature = 0xFEEF04BC}, std::nullopt, false},
       {{.valueLength = 0}, std::nullopt, false},
   };
+  test::FakeHost host;
+  host.TakeTheLog();
   for (const Row& row : rows) {
-    test::CapturedLog log;
+    const std::size_t before = host.Records().size();
     EXPECT_EQ(
         pe::ReadModuleBuildNumber(PeImageBuilder().VersionResource(test::BuildVersionBlock(row.spec)).Build().base()),
         row.build);
-    ASSERT_EQ(log.records.size(), row.readPastTheBlock ? 1u : 0u);
-    for (const auto& record : log.records) {
-      EXPECT_TRUE(record.level == tessel::LogLevel::Warning && record.file == "VersionResource.cpp" &&
-                  record.message == L"An attempt to read more than the version block size.");
-    }
+    EXPECT_EQ(host.Records().size() - before, row.readPastTheBlock ? 1u : 0u);
+  }
+  for (const test::LogRecord& record : host.Records()) {
+    EXPECT_TRUE(record.level == 3 && record.file == "VersionResource.cpp" &&
+                record.text == "An attempt to read more than the version block size.");
   }
 }
 
 TEST(VersionResource, AbsentIsSilentAnEmptyResourceIsLoggedAndTheBlockIsTheWholeResource) {
-  test::CapturedLog log;
+  test::FakeHost host;
+  host.TakeTheLog();
   EXPECT_EQ(pe::ReadModuleBuildNumber(sample.base()), std::nullopt);
   const std::vector<std::uint8_t> bytes = test::BuildVersionBlock({.trailingBytes = 12});
   PeImage image = PeImageBuilder().VersionResource(bytes).Build();
@@ -150,8 +153,8 @@ TEST(VersionResource, AbsentIsSilentAnEmptyResourceIsLoggedAndTheBlockIsTheWhole
   image.Write<std::uint32_t>(image.resourceDataEntry + 4, 0);  // a resource of no bytes
   SetLastError(5);
   EXPECT_EQ(pe::ReadModuleBuildNumber(image.base()), std::nullopt);
-  ASSERT_EQ(log.records.size(), 1u);
-  EXPECT_EQ(log.records[0].message, L"Unexpected error 0x5 obtaining version resource block");
+  ASSERT_EQ(host.Records().size(), 1u);
+  EXPECT_EQ(host.Records()[0].text, "Unexpected error 0x5 obtaining version resource block");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
-// Counts the test binary's operator new calls (it replaces the global allocation functions) and
-// can make the next non-throwing allocation fail. Under ThreadSanitizer, whose runtime defines
-// the allocation functions itself, there is no counter and the tests that need one skip.
+// Counts the test binary's operator new calls: it replaces the global allocation functions.
+// Under ThreadSanitizer, whose runtime defines them itself, there is no counter and the tests
+// that need one skip.
 #include <cstddef>
 
 #if defined(__has_feature)
@@ -19,6 +19,5 @@
 namespace test {
 
 std::size_t AllocationCount() noexcept;
-void FailNextNothrowAllocation() noexcept;
 
 }  // namespace test

@@ -2,9 +2,27 @@
 
 #include <utility>
 
-#include "tests/support/SystemModules.h"
+#include "tests/support/PeImageBuilder.h"
 
 namespace test {
+
+HMODULE SystemModule(const wchar_t* name) {
+#ifdef _WIN32
+  return GetModuleHandleW(name);
+#else
+  (void)name;
+  static const PeImage image = PeImageBuilder()
+                                   .Export("RtlCompressBuffer")
+                                   .Export("RtlAllocateHeap")
+                                   .Export("RtlReAllocateHeap")
+                                   .Export("RtlCompactHeap")
+                                   .Export("RtlFreeHeap")
+                                   .Export("CreateToolhelp32Snapshot")
+                                   .VersionResource()
+                                   .Build();
+  return image.base();
+#endif
+}
 
 com::Ptr<_ITarnAddon> HookedAddon::CreateAddon() const {
   com::Ptr<IClassFactory> factory;
@@ -23,8 +41,8 @@ void HookedAddon::Start(std::map<std::wstring, void*> realFunctions) {
   ASSERT_EQ(addon_->Initialize(&host_), S_OK);
   ASSERT_NE(host_.Sink(), nullptr);
   host_.realFunctions = std::move(realFunctions);
-  ASSERT_EQ(Load(Ntdll(), L"ntdll.dll"), S_OK);
-  ASSERT_EQ(Load(Kernel32(), L"KERNEL32.DLL"), S_OK);
+  ASSERT_EQ(Load(SystemModule(L"ntdll.dll"), L"ntdll.dll"), S_OK);
+  ASSERT_EQ(Load(SystemModule(L"kernel32.dll"), L"KERNEL32.DLL"), S_OK);
 }
 
 HRESULT HookedAddon::Load(HMODULE base, const wchar_t* name, IUnknown* hooks) {

@@ -13,6 +13,10 @@
 
 namespace test {
 
+// The module the end-to-end tests announce by that name: on Windows the test process's own;
+// natively one built image with the catalogue's exports stands in for ntdll and kernel32.
+HMODULE SystemModule(const wchar_t* name);
+
 struct AddonModule {
   HRESULT(STDAPICALLTYPE* DllGetClassObject)(REFCLSID clsid, REFIID iid, void** object);
   HRESULT(STDAPICALLTYPE* DllCanUnloadNow)();

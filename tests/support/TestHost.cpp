@@ -5,6 +5,10 @@
 #include <ostream>
 #include <utility>
 
+#include "KestrelLib/Globals.h"
+#include "KestrelLib/HostLogger.h"
+#include "logging/LogFunction.h"
+
 namespace test {
 
 std::ostream& operator<<(std::ostream& out, const LogRecord& r) {
@@ -110,6 +114,11 @@ HRESULT FakeHost::SetHook(const wchar_t* name, void** slot, void* handler) {
   }
   const auto result = hookResults.find(name);
   return result == hookResults.end() ? S_OK : result->second;
+}
+
+void FakeHost::TakeTheLog() {
+  tessel::Globals::logger = this;
+  tessel::logging::logFunction = &tessel::SendToHostLogger;
 }
 
 std::vector<LogRecord> FakeHost::Records(std::string_view file) const {

@@ -57,6 +57,7 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   // trampoline would), and answers hookResults[name], S_OK by default.
   HRESULT STDMETHODCALLTYPE SetHook(const wchar_t* name, void** slot, void* handler) override;
 
+  void TakeTheLog();  // becomes the library's log, as the logger Initialize acquires
   std::vector<LogRecord> Records(std::string_view file = {}) const;  // every record, or one file's
   std::vector<std::vector<BYTE>> Events() const;
   std::vector<std::wstring> HookNames() const;
