@@ -1,18 +1,17 @@
 #!/usr/bin/env python3
-"""Checks a built Kestrel.dll as it ships, view by view (an ARM64X image has two):
-
-- the machine of each view;
-- exactly DllCanUnloadNow and DllGetClassObject exported, by name and by count;
-- imports of system DLLs and the UCRT only;
-- a VERSIONINFO resource;
-- for ARM64X, the hybrid metadata (a load config with a code map in both views), and the
-  thread-local storage: each view's code reads the TLS index its own TLS directory names (the
-  one the loader writes when that view is loaded), and its TLS callbacks are its own code.
-
-usage: check_image.py LLVM_TOOLS_PREFIX DLL MACHINE
-  LLVM_TOOLS_PREFIX: the path that llvm-readobj, llvm-objdump and llvm-nm complete;
-  MACHINE: x64, arm64 or arm64x.
-"""
+# Checks a built Kestrel.dll as it ships, view by view (an ARM64X image has two):
+#
+# - the machine of each view;
+# - exactly DllCanUnloadNow and DllGetClassObject exported, by name and by count;
+# - imports of system DLLs and the UCRT only;
+# - a VERSIONINFO resource;
+# - for ARM64X, the hybrid metadata (a load config with a code map in both views), and the
+#   thread-local storage: each view's code reads the TLS index its own TLS directory names (the
+#   one the loader writes when that view is loaded), and its TLS callbacks are its own code.
+#
+# usage: check_image.py LLVM_TOOLS_PREFIX DLL MACHINE
+#   LLVM_TOOLS_PREFIX: the path that llvm-readobj, llvm-objdump and llvm-nm complete;
+#   MACHINE: x64, arm64 or arm64x.
 import re
 import struct
 import subprocess
@@ -34,7 +33,7 @@ def tool(prefix, name, *args):
 
 
 def views(text):
-    """The native (or only) view's part of llvm-readobj's output, and the Arm64EC view's part."""
+    # The native (or only) view's part of llvm-readobj's output, and the Arm64EC view's part.
     native, _, hybrid = text.partition("HybridObject {")
     return [native, hybrid] if hybrid else [native]
 
@@ -45,7 +44,7 @@ def field(text, name):
 
 
 def code_map(load_config):
-    """[(start RVA, end RVA, kind)] of a view's CHPE code map."""
+    # [(start RVA, end RVA, kind)] of a view's CHPE code map.
     return [(int(a, 16), int(b, 16), kind) for a, b, kind in
             re.findall(r"^\s*0x([0-9A-F]+) - 0x([0-9A-F]+)\s+(ARM64EC|ARM64|X64)$", load_config, re.M)]
 
@@ -55,7 +54,7 @@ def kind_of(rva, ranges):
 
 
 def tls_callbacks(path, sections, base, va):
-    """The callback addresses of a TLS directory's null-terminated list, read from the file."""
+    # The callback addresses of a TLS directory's null-terminated list, read from the file.
     data = open(path, "rb").read()
     found = []
     while True:
@@ -70,7 +69,7 @@ def tls_callbacks(path, sections, base, va):
 
 
 def tls_index_reads(disassembly, candidates):
-    """{instruction VA: TLS index VA} for every load of one of `candidates` (adrp, then ldr or add)."""
+    # {instruction VA: TLS index VA} for every load of one of `candidates` (adrp, then ldr or add).
     pages, reads = {}, {}
     for line in disassembly.splitlines():
         match = re.match(r"\s*([0-9a-f]+):\s+(\w+)\s+(.*)$", line)

@@ -71,11 +71,6 @@ HRESULT FakeHost::SendEvent(const BYTE* data, UINT32 size) {
     events_.emplace_back(data, data + size);
     received = events_.size();
   }
-#ifdef _WIN32
-  if (raiseCode != 0) {
-    RaiseException(raiseCode, EXCEPTION_NONCONTINUABLE, 0, nullptr);
-  }
-#endif
   return loseEvery != 0 && received % loseEvery == 0 ? static_cast<HRESULT>(0x80070008) : sendResult.load();
 }
 

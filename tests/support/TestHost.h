@@ -44,7 +44,7 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   HRESULT STDMETHODCALLTYPE HostSlot6() override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* json) override;
   // Records the event, then answers `sendResult`, or 0x80070008 (dropped) for every `loseEvery`-th
-  // event when that is set; on Windows raises `raiseCode` instead when that is set.
+  // event when that is set.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
@@ -71,7 +71,6 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   HRESULT adviseResult = S_OK;
   std::atomic<HRESULT> sendResult{S_OK};
   std::size_t loseEvery = 0;
-  DWORD raiseCode = 0;
   IUnknown* sink = nullptr;
   std::vector<HookRequest> requests;
   std::map<std::wstring, HRESULT> hookResults;

@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
-"""A short kestrel-host soak under Wine: nothing breaks, and every event is accounted for.
-
-usage: host_soak.py WINE_RUN KESTREL_HOST SECONDS
-"""
+# A short kestrel-host soak under Wine: nothing breaks, and every event is accounted for.
+#
+# usage: host_soak.py WINE_RUN KESTREL_HOST SECONDS
 import json
 import subprocess
 import sys

@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
-"""Runs kestrel-host's workload under Wine and checks what a real process shows.
-
-usage: host_workload.py WINE_RUN KESTREL_HOST DEMO_CONFIG
-"""
+# Runs kestrel-host's workload under Wine and checks what a real process shows.
+#
+# usage: host_workload.py WINE_RUN KESTREL_HOST DEMO_CONFIG
 import json
 import subprocess
 import sys
@@ -11,7 +10,7 @@ HEAP = ["RtlAllocateHeap", "RtlReAllocateHeap", "RtlCompactHeap", "RtlFreeHeap"]
 
 
 def run(wine_run, host, *options):
-    """The steps the host printed, the events of its workload's running phase, and its log."""
+    # The steps the host printed, the events of its workload's running phase, and its log.
     done = subprocess.run([wine_run, host, *options], capture_output=True, text=True, timeout=240, check=False)
     lines = [json.loads(line) for line in done.stdout.splitlines() if line.startswith("{")]
     steps, events, phase = {}, {"running": [], "after Stop": []}, None
@@ -53,14 +52,6 @@ def main():
     hooks = sorted(line["function"] for line in steps["SetHook"])
     checks += [(hooks == ["CreateToolhelp32Snapshot", "RtlCompressBuffer"], f"without the flag only two: {hooks}"),
                ("Disabling hook for ntdll.RtlAllocateHeap due to predicate exclusion" in log, "heap traps disabled")]
-    code, steps, events, log = run(wine_run, host, "--policy-exclude", "RtlCompressBuffer", "--lose-every", "2")
-    compress = [line["result"] for line in steps["SetHook"] if line["function"] == "RtlCompressBuffer"]
-    checks += [
-        (compress == ["0x800704ec"] and "Hook on API ntdll.dll!RtlCompressBuffer was excluded due to policy "
-         "restrictions" in log, f"policy exclusion answered and logged: {compress}"),
-        (not any(e["operation"] == "RtlCompressBuffer" for e in events["running"]), "no compressions when excluded"),
-        ("WARNING PayloadSender.cpp:36 Lost events count; count = 1" in log, "the first lost event is logged"),
-    ]
     for passed, what in checks:
         print("ok    " if passed else "FAIL  ", what)
     return 0 if all(passed for passed, _ in checks) else 1

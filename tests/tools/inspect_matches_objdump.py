@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
-"""kestrel-inspect's export table of each DLL against what objdump -p reports for it.
-
-usage: inspect_matches_objdump.py INSPECT_COMMAND DLL_OR_DIRECTORY...
-INSPECT_COMMAND may hold several words (a Wine runner and the Windows executable).
-Every name objdump lists must resolve through the library's resolver to the same RVA, or to
-the same forward string; and the resolver must list no name objdump does not.
-"""
+# kestrel-inspect's export table of each DLL against what objdump -p reports for it.
+#
+# usage: inspect_matches_objdump.py INSPECT_COMMAND DLL_OR_DIRECTORY...
+# INSPECT_COMMAND may hold several words (a Wine runner and the Windows executable).
+# Every name objdump lists must resolve through the library's resolver to the same RVA, or to
+# the same forward string; and the resolver must list no name objdump does not.
 import json
 import pathlib
 import re
@@ -18,7 +17,7 @@ NAME = re.compile(r"^\t\[\s*(\d+)\] (\S+)$")
 
 
 def objdump_exports(path):
-    """{name: ("rva", int) or ("forward", str)}, or None for a file objdump gives no table for."""
+    # {name: ("rva", int) or ("forward", str)}, or None for a file objdump gives no table for.
     text = subprocess.run(["x86_64-w64-mingw32-objdump", "-p", str(path)], capture_output=True, text=True).stdout
     if "file format pei-x86-64" not in text:
         return None
