@@ -34,7 +34,7 @@ class HookInfra : public test::HookedAddon {
   void Initialize(bool heapHooks) {
     host_.json = heapHooks ? L"{\"flags\":{\"hookHeapAllocator\":true}}" : L"{}";
     tessel::Globals::initialize(&host_);
-    ASSERT_NE(host_.Sink(), nullptr);
+    ASSERT_NE(host_.sink, nullptr);
   }
   // The records since the last call, a line each: level and text. The hook requests, whose
   // addresses vary, are left out; these lines are not fixed either.
@@ -165,7 +165,7 @@ TEST_F(HookInfra, VersionsExportsAndTheHostObjectDecideWhetherAHookIsRequested) 
 TEST_F(HookInfra, InvalidArgumentsAreRefusedAndLogged) {
   Initialize(false);
   NewRecords();
-  _ITarnDllEvents* sink = host_.Sink();
+  _ITarnDllEvents* sink = host_.sink;
   const HMODULE base = ntdll.base();
   IUnknown* hooks = static_cast<_ITarnHookService*>(&host_);
   const HRESULT results[] = {sink->OnModuleLoad(nullptr, 1, L"n", L"p", 0, hooks),

@@ -39,19 +39,19 @@ com::Ptr<_ITarnAddon> HookedAddon::CreateAddon() const {
 void HookedAddon::Start(std::map<std::wstring, void*> realFunctions) {
   ASSERT_NE(addon_.Get(), nullptr);
   ASSERT_EQ(addon_->Initialize(&host_), S_OK);
-  ASSERT_NE(host_.Sink(), nullptr);
+  ASSERT_NE(host_.sink, nullptr);
   host_.realFunctions = std::move(realFunctions);
   ASSERT_EQ(Load(SystemModule(L"ntdll.dll"), L"ntdll.dll"), S_OK);
   ASSERT_EQ(Load(SystemModule(L"kernel32.dll"), L"KERNEL32.DLL"), S_OK);
 }
 
 HRESULT HookedAddon::Load(HMODULE base, const wchar_t* name, IUnknown* hooks) {
-  return host_.Sink()->OnModuleLoad(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str(), 0,
+  return host_.sink->OnModuleLoad(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str(), 0,
                                     hooks != nullptr ? hooks : static_cast<_ITarnHookService*>(&host_));
 }
 
 HRESULT HookedAddon::Unload(HMODULE base, const wchar_t* name) {
-  return host_.Sink()->OnModuleUnload(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str());
+  return host_.sink->OnModuleUnload(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str());
 }
 
 }  // namespace test

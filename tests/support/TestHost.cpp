@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <ostream>
+#include <tuple>
 #include <utility>
 
 #include "KestrelLib/Globals.h"
@@ -16,35 +17,29 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& r) {
 }
 
 FakeHost::~FakeHost() {
-  if (IUnknown* held = std::exchange(sink, nullptr)) {
+  if (_ITarnDllEvents* held = std::exchange(sink, nullptr)) {
     held->Release();
   }
 }
 
 HRESULT FakeHost::QueryService(REFGUID serviceId, REFIID iid, void** object) {
   *object = nullptr;
-  struct Pairing {
-    Service service;
-    const char* name;
-    const GUID& serviceId;
-    const GUID& iid;
-    IUnknown* answer;
-  };
-  const Pairing pairings[] = {
-      {Service::Logger, "logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
-      {Service::Config, "config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
-      {Service::EventGenerator, "event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid,
-       static_cast<_ITarnEventGenerator*>(this)},
-      {Service::CpContainer, "injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
+  const std::tuple<const char*, const GUID&, const GUID&, IUnknown*> services[] = {
+      // by Service
+      {"logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
+      {"config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
+      {"event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid, static_cast<_ITarnEventGenerator*>(this)},
+      {"injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
        static_cast<IConnectionPointContainer*>(this)}};
-  for (const Pairing& pairing : pairings) {
-    if (com::GuidEquals(serviceId, pairing.serviceId) && com::GuidEquals(iid, pairing.iid)) {
-      calls.push_back(std::string("QueryService(") + pairing.name + ")");
-      if (const auto failure = failures.find(pairing.service); failure != failures.end()) {
+  for (std::size_t i = 0; i < std::size(services); ++i) {
+    const auto& [name, id, answerIid, answer] = services[i];
+    if (com::GuidEquals(serviceId, id) && com::GuidEquals(iid, answerIid)) {
+      calls.push_back(std::string("QueryService(") + name + ")");
+      if (const auto failure = failures.find(static_cast<Service>(i)); failure != failures.end()) {
         return failure->second;  // S_OK here: success with nothing handed out
       }
-      pairing.answer->AddRef();
-      *object = pairing.answer;
+      answer->AddRef();
+      *object = answer;
       return S_OK;
     }
   }
@@ -86,9 +81,8 @@ HRESULT FakeHost::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
 
 HRESULT FakeHost::Advise(IUnknown* newSink, DWORD* cookie) {
   calls.push_back("Advise");
-  if (SUCCEEDED(adviseResult)) {
-    newSink->AddRef();
-    sink = newSink;
+  if (SUCCEEDED(adviseResult) &&
+      SUCCEEDED(newSink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&sink)))) {
     *cookie = 42;
   }
   return adviseResult;
@@ -96,7 +90,7 @@ HRESULT FakeHost::Advise(IUnknown* newSink, DWORD* cookie) {
 
 HRESULT FakeHost::Unadvise(DWORD cookie) {
   calls.push_back("Unadvise " + std::to_string(cookie));
-  if (IUnknown* held = std::exchange(sink, nullptr)) {
+  if (_ITarnDllEvents* held = std::exchange(sink, nullptr)) {
     held->Release();
   }
   return S_OK;
@@ -135,14 +129,6 @@ std::vector<std::wstring> FakeHost::HookNames() const {
     names.push_back(request.name);
   }
   return names;
-}
-
-_ITarnDllEvents* FakeHost::Sink() const {
-  _ITarnDllEvents* events = nullptr;
-  if (sink != nullptr && SUCCEEDED(sink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&events)))) {
-    events->Release();  // the connection point holds the sink
-  }
-  return events;
 }
 
 }  // namespace test

@@ -29,7 +29,7 @@ struct HookRequest {
   void* handler;
 };
 
-// The services by the names the library's messages use.
+// The services, in the order the add-on queries them.
 enum class Service { Logger, Config, EventGenerator, CpContainer };
 
 class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger, _ITarnConfig, _ITarnEventGenerator,
@@ -61,7 +61,6 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   std::vector<LogRecord> Records(std::string_view file = {}) const;  // every record, or one file's
   std::vector<std::vector<BYTE>> Events() const;
   std::vector<std::wstring> HookNames() const;
-  _ITarnDllEvents* Sink() const;  // the subscribed sink, as the module notification interface
 
   std::vector<std::string> calls;
   std::map<Service, HRESULT> failures;       // queries for these answer this, handing out nothing
@@ -71,7 +70,7 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   HRESULT adviseResult = S_OK;
   std::atomic<HRESULT> sendResult{S_OK};
   std::size_t loseEvery = 0;
-  IUnknown* sink = nullptr;
+  _ITarnDllEvents* sink = nullptr;  // the subscribed sink, as the module notification interface
   std::vector<HookRequest> requests;
   std::map<std::wstring, HRESULT> hookResults;
   std::map<std::wstring, void*> realFunctions;
