@@ -9,51 +9,33 @@
 #include <chrono>
 #include <set>
 #include <thread>
-#include <type_traits>
 
 #include "KestrelLib/HookGuard.h"
 #include "KestrelLib/PayloadSender.h"
 #include "KestrelLib/TrapList.auto.h"
 #include "tests/support/HookedAddon.h"
+#include "tests/support/RealFunction.h"
 
 namespace {
 
-// A real function: sets `Error` as the last-error value and returns it as its result type.
-template <typename Function, DWORD Error>
-struct Real;
-template <typename Result, typename... Args, DWORD Error>
-struct Real<Result(Args...), Error> {
-  static Result Value() {
-    if constexpr (std::is_pointer_v<Result>) {
-      return reinterpret_cast<Result>(std::uintptr_t{Error});
-    } else {
-      return static_cast<Result>(Error);
-    }
-  }
-  static Result Call(Args...) {
-    SetLastError(Error);
-    return Value();
-  }
-  static bool Returned(Result result) { return GetLastError() == Error && result == Value(); }
-};
-using Allocate = Real<tessel::RtlAllocateHeapFunction, 1>;
-using ReAllocate = Real<tessel::RtlReAllocateHeapFunction, 2>;
-using Compact = Real<tessel::RtlCompactHeapFunction, 3>;
-using Free = Real<tessel::RtlFreeHeapFunction, 4>;
-using Snapshot = Real<tessel::CreateToolhelp32SnapshotFunction, 5>;
-using Compress = Real<tessel::RtlCompressBufferFunction, 6>;
+using Allocate = test::RealFunction<tessel::RtlAllocateHeapFunction, 1>;
+using ReAllocate = test::RealFunction<tessel::RtlReAllocateHeapFunction, 2>;
+using Compact = test::RealFunction<tessel::RtlCompactHeapFunction, 3>;
+using Free = test::RealFunction<tessel::RtlFreeHeapFunction, 4>;
+using Snapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 5>;
+using Compress = test::RealFunction<tessel::RtlCompressBufferFunction, 6>;
 
 class HandlerStress : public test::HookedAddon {};
 
 TEST_F(HandlerStress, HandlersNotificationsAndLifecycleTogether) {
   host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
   host_.loseEvery = 7;
-  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&Allocate::Call)},
-                                 {L"RtlReAllocateHeap", reinterpret_cast<void*>(&ReAllocate::Call)},
-                                 {L"RtlCompactHeap", reinterpret_cast<void*>(&Compact::Call)},
-                                 {L"RtlFreeHeap", reinterpret_cast<void*>(&Free::Call)},
-                                 {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&Snapshot::Call)},
-                                 {L"RtlCompressBuffer", reinterpret_cast<void*>(&Compress::Call)}}));
+  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", Allocate::Address()},
+                                 {L"RtlReAllocateHeap", ReAllocate::Address()},
+                                 {L"RtlCompactHeap", Compact::Address()},
+                                 {L"RtlFreeHeap", Free::Address()},
+                                 {L"CreateToolhelp32Snapshot", Snapshot::Address()},
+                                 {L"RtlCompressBuffer", Compress::Address()}}));
   ASSERT_EQ(host_.requests.size(), 6u);
   auto* allocate = Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap");
   auto* reallocate = Handler<tessel::RtlReAllocateHeapFunction>(L"RtlReAllocateHeap");

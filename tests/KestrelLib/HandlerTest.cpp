@@ -15,6 +15,7 @@
 #include "logging/LogFunction.h"
 #include "tests/support/AllocationCounter.h"
 #include "tests/support/HookedAddon.h"
+#include "tests/support/RealFunction.h"
 
 namespace {
 
@@ -33,22 +34,16 @@ void* RealAllocate(void* heap, std::uint32_t flags, std::size_t size) {
   SetLastError(8);
   return reinterpret_cast<void*>(0x1000 + size);
 }
-std::int32_t RealCompress(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
-                          std::uint32_t*, void*) {
-  return 0;
-}
-void* RealSnapshot(std::uint32_t, std::uint32_t) {
-  SetLastError(0x12);
-  return reinterpret_cast<void*>(0x44);
-}
+using RealCompress = test::RealFunction<tessel::RtlCompressBufferFunction, 0>;
+using RealSnapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0x12>;
 
 class Handlers : public test::HookedAddon {
  protected:
   void SetUp() override {
     host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
     ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&RealAllocate)},
-                                   {L"RtlCompressBuffer", reinterpret_cast<void*>(&RealCompress)},
-                                   {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&RealSnapshot)}}));
+                                   {L"RtlCompressBuffer", RealCompress::Address()},
+                                   {L"CreateToolhelp32Snapshot", RealSnapshot::Address()}}));
     allocate = Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap");
     snapshot_ = Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot");
   }
@@ -176,8 +171,7 @@ TEST_F(Handlers, FailedSendsAreLoggedWithTheirLinesAndNeverReachTheCaller) {
   snapshot_(1, 1);
   tessel::Globals::eventGenerator = nullptr;  // Send throws E_POINTER inside the event step
   SetLastError(1);
-  EXPECT_EQ(snapshot_(1, 1), reinterpret_cast<void*>(0x44));
-  EXPECT_EQ(GetLastError(), 0x12u);
+  EXPECT_TRUE(RealSnapshot::Returned(snapshot_(1, 1)));
   EXPECT_EQ(
       host_.Records("TrapList.auto.cpp"),
       (std::vector<test::LogRecord>{

@@ -6,10 +6,12 @@
 
 #include <optional>
 
+#include "KestrelLib/TrapList.auto.h"
 #include "libinfra/com/WeakReference.h"
 #include "libinfra/platform/Platform.h"
 #include "tests/support/EventBytes.h"
 #include "tests/support/HookedAddon.h"
+#include "tests/support/RealFunction.h"
 
 namespace {
 
@@ -132,31 +134,18 @@ INSTANTIATE_TEST_SUITE_P(
         Trouble{"TextAfterANul", std::nullopt, S_OK, kHeapHooksOn + L'\0' + L"junk", S_OK, 0, kParseError + "37"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// The host's own stand-ins for the real functions, so that the calls are safe to make.
-std::int32_t HostCompress(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
-                          std::uint32_t* finalSize, void*) {
-  *finalSize = 10;
-  SetLastError(0x7A);
-  return 0;
-}
-void* HostSnapshot(std::uint32_t, std::uint32_t) {
-  SetLastError(0x7B);
-  return kUntouched;
-}
 TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
-  using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t,
-                                std::uint32_t, std::uint32_t*, void*);
-  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlCompressBuffer", reinterpret_cast<void*>(&HostCompress)},
-                                 {L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&HostSnapshot)}}));
+  using Compress = test::RealFunction<tessel::RtlCompressBufferFunction, 0x7A>;
+  using Snapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0x7B>;
+  ASSERT_NO_FATAL_FAILURE(
+      Start({{L"RtlCompressBuffer", Compress::Address()}, {L"CreateToolhelp32Snapshot", Snapshot::Address()}}));
+  auto* snapshot = Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot");
   const auto callEach = [&] {
     std::uint32_t finalSize = 0;
     SetLastError(1);
-    EXPECT_EQ(Handler<Compress>(L"RtlCompressBuffer")(0x0102, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr),
-              0);
-    EXPECT_EQ(GetLastError(), 0x7Au);
-    EXPECT_EQ(finalSize, 10u);
-    EXPECT_EQ(Handler<decltype(HostSnapshot)>(L"CreateToolhelp32Snapshot")(6, 4321), kUntouched);
-    EXPECT_EQ(GetLastError(), 0x7Bu);
+    EXPECT_TRUE(Compress::Returned(Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer")(
+        0x0102, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr)));
+    EXPECT_TRUE(Snapshot::Returned(snapshot(6, 4321)));
   };
   callEach();
   const std::uint64_t created = platform::ProcessCreationTime();
@@ -171,7 +160,7 @@ TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
   EXPECT_EQ(host_.Events().size(), 2u) << "handlers only pass through after Stop";
   test::FakeHost unused;
   ASSERT_EQ(addon_->Initialize(&unused), S_OK);
-  Handler<decltype(HostSnapshot)>(L"CreateToolhelp32Snapshot")(6, 4321);
+  snapshot(6, 4321);
   EXPECT_EQ(host_.Events().size(), 3u);
 }
 

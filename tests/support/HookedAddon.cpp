@@ -47,7 +47,7 @@ void HookedAddon::Start(std::map<std::wstring, void*> realFunctions) {
 
 HRESULT HookedAddon::Load(HMODULE base, const wchar_t* name, IUnknown* hooks) {
   return host_.sink->OnModuleLoad(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str(), 0,
-                                    hooks != nullptr ? hooks : static_cast<_ITarnHookService*>(&host_));
+                                  hooks != nullptr ? hooks : static_cast<_ITarnHookService*>(&host_));
 }
 
 HRESULT HookedAddon::Unload(HMODULE base, const wchar_t* name) {
