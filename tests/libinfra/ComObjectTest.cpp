@@ -59,6 +59,8 @@ TEST(ComObject, WeakReferenceResolvesWhileTheObjectLivesAndFailsSoftlyAfterwards
   com::Ptr<com::IWeakReference> weak;
   ASSERT_EQ(source->GetWeakReference(weak.Put()), S_OK);
   source = {};
+  EXPECT_EQ(std::vector<ULONG>({weak->AddRef(), weak->Release()}), std::vector<ULONG>({3, 2}))
+      << "held by this reference and by the living object";
   EXPECT_EQ(widget->AddRef(), 2u) << "the count moved into the control block unchanged";
   widget->Release();
   com::Ptr<IUnknown> resolved;

@@ -33,6 +33,16 @@ Lookup Find(const PeImage& image, const char* name, bool wantForward = true) {
 }
 
 TEST(ExportResolver, FindsCodeAndForwardersByExactNameOnly) {
+  const std::pair<nt::Status, std::uint32_t> codes[] = {// the system's own status codes
+                                                        {nt::kSuccess, 0},
+                                                        {nt::kInvalidParameter, 0xC000000D},
+                                                        {nt::kProcedureNotFound, 0xC000007A},
+                                                        {nt::kInvalidImageFormat, 0xC000007B},
+                                                        {nt::kNotSupported, 0xC00000BB},
+                                                        {nt::kNoExportTable, 0xC0000292}};
+  for (const auto& [status, code] : codes) {
+    EXPECT_EQ(static_cast<std::uint32_t>(status), code);
+  }
   for (std::uint32_t i = 0; i < 3; ++i) {
     const Lookup found = Find(sample, std::array{"Alpha", "Gamma", "Epsilon"}[i]);
     EXPECT_TRUE(found.status == nt::kSuccess && found.address == sample.At(PeImageBuilder::CodeRva(i)) &&
