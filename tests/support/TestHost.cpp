@@ -24,18 +24,17 @@ FakeHost::~FakeHost() {
 
 HRESULT FakeHost::QueryService(REFGUID serviceId, REFIID iid, void** object) {
   *object = nullptr;
-  const std::tuple<const char*, const GUID&, const GUID&, IUnknown*> services[] = {
-      // by Service
-      {"logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
-      {"config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
-      {"event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid, static_cast<_ITarnEventGenerator*>(this)},
-      {"injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
+  const std::tuple<Service, const char*, const GUID&, const GUID&, IUnknown*> services[] = {
+      {Service::Logger, "logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
+      {Service::Config, "config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
+      {Service::EventGenerator, "event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid,
+       static_cast<_ITarnEventGenerator*>(this)},
+      {Service::CpContainer, "injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
        static_cast<IConnectionPointContainer*>(this)}};
-  for (std::size_t i = 0; i < std::size(services); ++i) {
-    const auto& [name, id, answerIid, answer] = services[i];
+  for (const auto& [service, name, id, answerIid, answer] : services) {
     if (com::GuidEquals(serviceId, id) && com::GuidEquals(iid, answerIid)) {
       calls.push_back(std::string("QueryService(") + name + ")");
-      if (const auto failure = failures.find(static_cast<Service>(i)); failure != failures.end()) {
+      if (const auto failure = failures.find(service); failure != failures.end()) {
         return failure->second;  // S_OK here: success with nothing handed out
       }
       answer->AddRef();

@@ -29,7 +29,7 @@ struct HookRequest {
   void* handler;
 };
 
-// The services, in the order the add-on queries them.
+// The services, by the names the library's messages use.
 enum class Service { Logger, Config, EventGenerator, CpContainer };
 
 class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger, _ITarnConfig, _ITarnEventGenerator,
