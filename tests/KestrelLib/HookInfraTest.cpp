@@ -13,21 +13,13 @@
 #include "libinfra/com/HResultError.h"
 #include "logging/LogFunction.h"
 #include "tests/support/HookedAddon.h"
-#include "tests/support/PeImageBuilder.h"
 
 namespace {
 
 using tessel::TrapState;
 using test::PeImageBuilder;
 
-const test::PeImage ntdll = PeImageBuilder()
-                                .Export("RtlCompressBuffer")
-                                .Export("RtlAllocateHeap")
-                                .Export("RtlReAllocateHeap")
-                                .Export("RtlCompactHeap")
-                                .Export("RtlFreeHeap")
-                                .VersionResource()
-                                .Build();
+const test::PeImage& ntdll = test::CatalogueImage();
 
 class HookInfra : public test::HookedAddon {
  protected:

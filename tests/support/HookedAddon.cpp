@@ -2,15 +2,9 @@
 
 #include <utility>
 
-#include "tests/support/PeImageBuilder.h"
-
 namespace test {
 
-HMODULE SystemModule(const wchar_t* name) {
-#ifdef _WIN32
-  return GetModuleHandleW(name);
-#else
-  (void)name;
+const PeImage& CatalogueImage() {
   static const PeImage image = PeImageBuilder()
                                    .Export("RtlCompressBuffer")
                                    .Export("RtlAllocateHeap")
@@ -20,7 +14,15 @@ HMODULE SystemModule(const wchar_t* name) {
                                    .Export("CreateToolhelp32Snapshot")
                                    .VersionResource()
                                    .Build();
-  return image.base();
+  return image;
+}
+
+HMODULE SystemModule(const wchar_t* name) {
+#ifdef _WIN32
+  return GetModuleHandleW(name);
+#else
+  (void)name;
+  return CatalogueImage().base();
 #endif
 }
 

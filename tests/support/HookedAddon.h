@@ -9,12 +9,15 @@
 #include <string>
 
 #include "libinfra/com/Ptr.h"
+#include "tests/support/PeImageBuilder.h"
 #include "tests/support/TestHost.h"
 
 namespace test {
 
+// A built image with the catalogue's six exports, in its order, and a version resource.
+const PeImage& CatalogueImage();
 // The module the end-to-end tests announce by that name: on Windows the test process's own;
-// natively one built image with the catalogue's exports stands in for ntdll and kernel32.
+// natively the catalogue image stands in for ntdll and kernel32.
 HMODULE SystemModule(const wchar_t* name);
 
 struct AddonModule {

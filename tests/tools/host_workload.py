@@ -9,24 +9,20 @@ import sys
 HEAP = ["RtlAllocateHeap", "RtlReAllocateHeap", "RtlCompactHeap", "RtlFreeHeap"]
 
 
-def run(wine_run, host, *options):
-    # The steps the host printed, the events of its workload's running phase, and its log.
-    done = subprocess.run([wine_run, host, *options], capture_output=True, text=True, timeout=240, check=False)
-    lines = [json.loads(line) for line in done.stdout.splitlines() if line.startswith("{")]
+def main():
+    wine_run, host, demo_config = sys.argv[1:4]
+    done = subprocess.run([wine_run, host, "--config", demo_config], capture_output=True, text=True, timeout=240,
+                          check=False)
+    # The steps the host printed, and the events of its workload's running phase and after Stop.
     steps, events, phase = {}, {"running": [], "after Stop": []}, None
-    for line in lines:
+    for line in (json.loads(line) for line in done.stdout.splitlines() if line.startswith("{")):
         if line.get("step") in ("Workload", "Stop"):
             phase = line.get("phase", "after Stop")
         if "step" in line:
             steps.setdefault(line["step"], []).append(line)
         elif phase in events:
             events[phase].append(line)
-    return done.returncode, steps, events, done.stderr
-
-
-def main():
-    wine_run, host, demo_config = sys.argv[1:4]
-    code, steps, events, log = run(wine_run, host, "--config", demo_config)
+    code, log = done.returncode, done.stderr
     hooks = {line["function"]: line for line in steps["SetHook"]}
     snapshots = [e for e in events["running"] if e["operation"] == "CreateToolhelp32Snapshot"]
     compressions = [e for e in events["running"] if e["operation"] == "RtlCompressBuffer"]
@@ -48,10 +44,6 @@ def main():
         ("VERBOSE HookInfra.cpp:" in log and "Requesting hook on API ntdll.dll!RtlAllocateHeap" in log,
          "the add-on's log reaches the host's logger"),
     ]
-    code, steps, events, log = run(wine_run, host)
-    hooks = sorted(line["function"] for line in steps["SetHook"])
-    checks += [(hooks == ["CreateToolhelp32Snapshot", "RtlCompressBuffer"], f"without the flag only two: {hooks}"),
-               ("Disabling hook for ntdll.RtlAllocateHeap due to predicate exclusion" in log, "heap traps disabled")]
     for passed, what in checks:
         print("ok    " if passed else "FAIL  ", what)
     return 0 if all(passed for passed, _ in checks) else 1
