@@ -53,10 +53,12 @@ TEST(Configuration, DecodesOrIsRefusedWithTheLibrarysMessage) {
       {L"{\n \"flags\": tru }", parseError + "2, column 14"},
       {std::wstring(L"{}\n ") + L'\0' + L"x",
        parseError + "2, column 2: syntax error while parsing value - unexpected U+0000"},
-      // Surrogates: a pair is one character; a lone one, high or low, is ill-formed text.
-      {WithString({0xD7FF, 0xE000, 0xFFFF}), "true"},
+      // Each length of UTF-8 at its bounds. Surrogates: a pair is one character; a lone one, high
+      // or low, is ill-formed text.
+      {WithString({0x7F, 0x80, 0x7FF, 0x800, 0xD7FF, 0xE000, 0xFFFF}), "true"},
       {WithString(Beyond(0x10000) + Beyond(0x10FFFF)), "true"},
       {WithString({0xD800, L'x'}), parseError + "1, column 7"},
+      {WithString({L'x', 0xDC00}), parseError + "1, column 8"},
       {WithString({L'x', 0xDFFF}), parseError + "1, column 8"},
       {WithString({0xDBFF}), parseError + "1, column 7"},
   };
