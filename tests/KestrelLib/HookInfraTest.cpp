@@ -1,6 +1,6 @@
 // The hook catalogue and the infrastructure that requests its hooks, against the fake host and
-// images that stand in for ntdll and kernel32: which requests go out, in which order, the trap
-// states they leave, and what the host's log receives. (Each test runs in its own process: trap
+// built images announced as ntdll: which requests go out, in which order, the trap states they
+// leave, and what the host's log receives. (Each test runs in its own process: trap
 // states are process-wide.)
 #include <gtest/gtest.h>
 
