@@ -156,7 +156,13 @@ TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenTheBlockHolds
 TEST(VersionResource, AbsentIsSilentAnEmptyResourceIsLoggedAndTheBlockIsTheWholeResource) {
   test::FakeHost host;
   host.TakeTheLog();
-  EXPECT_EQ(pe::ReadModuleBuildNumber(sample.base()), std::nullopt);
+  // No resource directory, and a version resource without a language: the first and the last
+  // "no such resource" codes.
+  PeImage noLanguage = PeImageBuilder().VersionResource().Build();
+  noLanguage.Write<std::uint16_t>(noLanguage.resourceDataEntry - 10, 0);  // the language level's id count
+  for (const HMODULE absent : {sample.base(), noLanguage.base()}) {
+    EXPECT_EQ(pe::ReadModuleBuildNumber(absent), std::nullopt);
+  }
   const std::vector<std::uint8_t> bytes = test::BuildVersionBlock({.trailingBytes = 12});
   PeImage image = PeImageBuilder().VersionResource(bytes).Build();
   EXPECT_EQ(pe::GetVersionResourceBlock(image.base()), bytes);
