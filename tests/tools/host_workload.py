@@ -15,13 +15,13 @@ def main():
                           check=False)
     # The steps the host printed, and the events of its workload's running phase and after Stop.
     steps, events, phase = {}, {"running": [], "after Stop": []}, None
-    for line in (json.loads(line) for line in done.stdout.splitlines() if line.startswith("{")):
-        if line.get("step") in ("Workload", "Stop"):
-            phase = line.get("phase", "after Stop")
-        if "step" in line:
-            steps.setdefault(line["step"], []).append(line)
+    for record in (json.loads(line) for line in done.stdout.splitlines() if line.startswith("{")):
+        if record.get("step") in ("Workload", "Stop"):
+            phase = record.get("phase", "after Stop")
+        if "step" in record:
+            steps.setdefault(record["step"], []).append(record)
         elif phase in events:
-            events[phase].append(line)
+            events[phase].append(record)
     code, log = done.returncode, done.stderr
     hooks = {line["function"]: line for line in steps["SetHook"]}
     snapshots = [e for e in events["running"] if e["operation"] == "CreateToolhelp32Snapshot"]
