@@ -18,17 +18,28 @@ else()
   set(KESTREL_WINE_DLLS /usr/lib/x86_64-linux-gnu/wine/x86_64-windows)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/wine-run.in ${KESTREL_WINE_RUN} @ONLY
                  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
-  if(NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
-    message(STATUS "Creating Wine prefix ${KESTREL_WINEPREFIX}")
+  # wineboot has failed once in a fresh CI run and succeeded when run again: it gets a second try
+  # from scratch, and the error shows its output.
+  set(wineboot_log ${CMAKE_BINARY_DIR}/wineboot.log)
+  foreach(attempt 1 2)
+    if(EXISTS ${KESTREL_WINEPREFIX}/system.reg)
+      break()
+    endif()
+    message(STATUS "Creating Wine prefix ${KESTREL_WINEPREFIX} (attempt ${attempt})")
+    file(REMOVE_RECURSE ${KESTREL_WINEPREFIX})
     execute_process(
       COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${KESTREL_WINEPREFIX} WINEARCH=win64 WINEDEBUG=-all
               WINEDLLOVERRIDES=mscoree,mshtml= /usr/lib/wine/wine64 wineboot -i
-      RESULT_VARIABLE wineboot_result OUTPUT_QUIET ERROR_QUIET)
+      RESULT_VARIABLE wineboot_result OUTPUT_FILE ${wineboot_log} ERROR_FILE ${wineboot_log})
     execute_process(COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${KESTREL_WINEPREFIX}
                             /usr/lib/wine/wineserver -w ERROR_QUIET)
-    if(NOT wineboot_result EQUAL 0 OR NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
-      message(FATAL_ERROR "wineboot could not create ${KESTREL_WINEPREFIX}")
+    if(NOT wineboot_result EQUAL 0)
+      file(REMOVE ${KESTREL_WINEPREFIX}/system.reg)
     endif()
+  endforeach()
+  if(NOT EXISTS ${KESTREL_WINEPREFIX}/system.reg)
+    file(READ ${wineboot_log} wineboot_output)
+    message(FATAL_ERROR "wineboot could not create ${KESTREL_WINEPREFIX} (exit ${wineboot_result}):\n${wineboot_output}")
   endif()
 endif()
 set(CMAKE_CROSSCOMPILING_EMULATOR ${KESTREL_WINE_RUN})
