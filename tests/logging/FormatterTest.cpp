@@ -82,8 +82,10 @@ TEST(LogMessage, RecordCarriesLevelSourceBaseNameAndLineOrAFixedLine) {
 
 TEST(HostLogger, SendsUtf8WithFileLineAndALevelFromOneToFive) {
   host.TakeTheLog();
-  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"caf\u00e9 \u4e2d");
-  EXPECT_EQ(host.Records(), (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "caf\xc3\xa9 \xe4\xb8\xad"}}));
+  // Each length of UTF-8, its payload bits clear where they meet the marker bits.
+  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"A\u0100\u4e00\U00010000");
+  EXPECT_EQ(host.Records(),
+            (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "A\xc4\x80\xe4\xb8\x80\xf0\x90\x80\x80"}}));
   std::vector<std::int32_t> levels;
   for (const int level : {0, 1, 2, 3, 4, 5, 6, 255}) {
     tessel::SendToHostLogger(static_cast<tessel::LogLevel>(level), "f", 1, L"");
