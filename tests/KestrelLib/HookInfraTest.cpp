@@ -193,6 +193,7 @@ TEST_F(HookInfra, SubscriptionFailuresAreLoggedAndToleratedAndDestructionUnsubsc
   host_.adviseResult = E_FAIL;
   com::Make<tessel::HookInfra>();
   EXPECT_EQ(NewRecords(), heapHooksDisabled + "2 Failed to register for module load notifications: Error 0x80004005\n");
+  EXPECT_EQ(host_.calls.back(), "Advise") << "a failed Advise leaves nothing to Unadvise";
   host_.adviseResult = S_OK;
   {
     com::Ptr<tessel::HookInfra> subscribed = com::Make<tessel::HookInfra>();

@@ -80,9 +80,9 @@ HRESULT FakeHost::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
 
 HRESULT FakeHost::Advise(IUnknown* newSink, DWORD* cookie) {
   calls.push_back("Advise");
-  if (SUCCEEDED(adviseResult) &&
-      SUCCEEDED(newSink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&sink)))) {
-    *cookie = 42;
+  *cookie = 42;  // also when failing: the add-on must not take that for a subscription
+  if (SUCCEEDED(adviseResult)) {
+    newSink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&sink));
   }
   return adviseResult;
 }
