@@ -58,6 +58,11 @@ TEST(ComObject, WeakReferenceResolvesWhileTheObjectLivesAndFailsSoftlyAfterwards
   EXPECT_EQ(LiveObjects(), baseline + 2) << "the control block counts as a live object";
   com::Ptr<com::IWeakReference> weak;
   ASSERT_EQ(source->GetWeakReference(weak.Put()), S_OK);
+  for (const GUID& iid : {com::kIidIUnknown, com::kIidIWeakReference}) {
+    com::Ptr<IUnknown> answer;
+    EXPECT_TRUE(weak->QueryInterface(iid, reinterpret_cast<void**>(answer.Put())) == S_OK &&
+                answer.Get() == weak.Get());
+  }
   source = {};
   EXPECT_EQ(std::vector<ULONG>({weak->AddRef(), weak->Release()}), std::vector<ULONG>({3, 2}))
       << "held by this reference and by the living object";
@@ -91,7 +96,9 @@ TEST(LifetimeList, ReleasesEveryPresentObjectOnceAndForgetsTheEntries) {
   struct Releasable final : com::UnownedObject<IServiceProvider> {
     HRESULT STDMETHODCALLTYPE QueryService(REFGUID, REFIID, void**) override { return E_FAIL; }
   } first, second;
-  first.AddRef();
+  void* answer = nullptr;
+  EXPECT_EQ(first.QueryInterface(com::kIidIClassFactory, &answer), E_NOINTERFACE);
+  ASSERT_EQ(first.QueryInterface(com::kIidIServiceProvider, &answer), S_OK);  // the reference the list holds
   second.AddRef();
   com::LifetimeList list;
   com::LifetimeEntry entries[3] = {{{&first, 0}, nullptr}, {{nullptr, 0}, nullptr}, {{&second, 7}, nullptr}};
