@@ -84,6 +84,11 @@ TEST(ExportResolver, AnImageWithOneFieldBrokenGivesItsStatusAndNullOutputs) {
          i.Write<std::uint32_t>(i.exportDirectory + kNumberOfFunctions, (i.size() - i.functionTable) / 4);
        },
        "Alpha", nt::kInvalidImageFormat},
+      {"function table ends one entry inside the image, where it may",
+       [](PeImage& i) {
+         i.Write<std::uint32_t>(i.exportDirectory + kNumberOfFunctions, (i.size() - i.functionTable) / 4 - 1);
+       },
+       "Zulu", nt::kProcedureNotFound},
       {"function table starts outside the image", [](PeImage& i) { i.Write(i.exportDirectory + kFunctions, i.size()); },
        "Alpha", nt::kInvalidImageFormat},
       {"name table ends exactly at the image end",
