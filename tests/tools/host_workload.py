@@ -23,13 +23,13 @@ def main():
         elif phase in events:
             events[phase].append(record)
     code, log = done.returncode, done.stderr
-    hooks = {line["function"]: line for line in steps["SetHook"]}
+    hooks = {step["function"]: step for step in steps["SetHook"]}
     snapshots = [e for e in events["running"] if e["operation"] == "CreateToolhelp32Snapshot"]
     compressions = [e for e in events["running"] if e["operation"] == "RtlCompressBuffer"]
     checks = [
         (code == 0 and steps["Initialize"][0]["result"] == "0x00000000", f"exit code {code}, Initialize succeeds"),
         (sorted(hooks) == sorted(["RtlCompressBuffer", "CreateToolhelp32Snapshot"] + HEAP), f"hooks {sorted(hooks)}"),
-        (all(line["result"] == "0x00000000" and line["importsPatched"] >= 1 for line in hooks.values()),
+        (all(hook["result"] == "0x00000000" and hook["importsPatched"] >= 1 for hook in hooks.values()),
          "every hook set and patched"),
         (all(hooks[name]["modulesPatched"] >= 3 for name in ["RtlAllocateHeap", "RtlFreeHeap"]),
          "the heap hooks routed in several modules"),
