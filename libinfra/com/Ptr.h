@@ -29,7 +29,6 @@ class Ptr {
 
   T* Get() const noexcept { return raw_; }
   T* operator->() const noexcept { return raw_; }
-  explicit operator bool() const noexcept { return raw_ != nullptr; }
   // Gives up ownership without releasing.
   T* Detach() noexcept { return std::exchange(raw_, nullptr); }
   // Releases the current reference and returns the slot for an out-parameter.
