@@ -47,6 +47,7 @@ TEST(Formatter, WritesEachArgumentByItsTypeAndConversion) {
       {Format(L"[%s][%S]", "narrow", L"wide"), "[][]"},             // strings only under their own conversion
       {Format(L"[%S][%S]", "caf\xc3\xa9", ""), "[caf\xc3\xa9][]"},  // narrow text is UTF-8
       {Format(L"[%s][%S]", std::wstring(L"\u00e9"), std::string("b")), "[\xc3\xa9][b]"},
+      {Format(L"[%s][%S]", static_cast<const wchar_t*>(nullptr), static_cast<char*>(nullptr)), "[][]"},  // null: empty
       {Format(L"100%% %d%%", std::int32_t{7}), "100% 7%%"},  // '%%' before an argument is one '%', in the tail two
       {Format(L"50%% %d %s"), "50%% %d %s"},                 // without arguments: verbatim
       {Format(L"%k%d %-5d", std::int32_t{1}), "%k1 %-5d"},   // unknown conversions stand as written
@@ -82,10 +83,12 @@ TEST(LogMessage, RecordCarriesLevelSourceBaseNameAndLineOrAFixedLine) {
 
 TEST(HostLogger, SendsUtf8WithFileLineAndALevelFromOneToFive) {
   host.TakeTheLog();
-  // Each length of UTF-8, its payload bits clear where they meet the marker bits.
-  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"A\u0100\u4e00\U00010000");
-  EXPECT_EQ(host.Records(),
-            (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "A\xc4\x80\xe4\xb8\x80\xf0\x90\x80\x80"}}));
+  // Each length of UTF-8, its payload bits clear where they meet the marker bits; then a character
+  // with every payload bit set, so that a shift by one shows.
+  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"A\u0100\u4e00\U00010000\U0010FFFF");
+  EXPECT_EQ(
+      host.Records(),
+      (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "A\xc4\x80\xe4\xb8\x80\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"}}));
   std::vector<std::int32_t> levels;
   for (const int level : {0, 1, 2, 3, 4, 5, 6, 255}) {
     tessel::SendToHostLogger(static_cast<tessel::LogLevel>(level), "f", 1, L"");
