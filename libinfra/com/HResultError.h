@@ -16,12 +16,6 @@ class HResultError {
 
 [[noreturn]] inline void ThrowHResult(HRESULT code) { throw HResultError(code); }
 
-inline void ThrowIfFailed(HRESULT code) {
-  if (FAILED(code)) {
-    ThrowHResult(code);
-  }
-}
-
 // Returns the slot's pointer, or throws E_POINTER when the slot is empty.
 template <typename T>
 T* Required(T* slot) {
