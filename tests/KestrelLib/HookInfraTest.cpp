@@ -154,6 +154,32 @@ TEST_F(HookInfra, VersionsExportsAndTheHostObjectDecideWhetherAHookIsRequested) 
   EXPECT_EQ(States()[0], TrapState::Pending);
 }
 
+TEST_F(HookInfra, ADescriptorMayAskItsPredicateAtEachLoadAndResolveItsOwnTarget) {
+  static int asked = 0, registered = 0;
+  tessel::TrapDescriptor& compress = *tessel::ntdllTraps[0].descriptor;
+  compress.resolver = [](HMODULE) { return reinterpret_cast<void*>(0x5150); };
+  compress.onRegistered = [] { ++registered; };
+  tessel::TrapDescriptor& allocate = *tessel::ntdllTraps[1].descriptor;
+  allocate.evaluatePredicateAtLoad = true;
+  allocate.predicate = [] { return ++asked > 1; };  // no at the first load only
+  tessel::ntdllTraps[2].descriptor->resolver = [](HMODULE) -> void* { return nullptr; };
+  Initialize(true);
+  EXPECT_EQ(registered, 1) << "once, when the infrastructure is built";
+  EXPECT_EQ(Load(ntdll.base(), L"ntdll.dll"), S_OK);
+  EXPECT_EQ(Load(ntdll.base(), L"ntdll.dll"), S_OK);
+  EXPECT_EQ(asked, 2);
+  EXPECT_EQ(host_.requests.at(0).slotValue, reinterpret_cast<void*>(0x5150));
+  EXPECT_EQ(host_.HookNames(), (std::vector<std::wstring>{L"RtlCompressBuffer", L"RtlCompactHeap", L"RtlFreeHeap"}))
+      << "a disabled trap stays disabled";
+  EXPECT_EQ(NewRecords(), R"(4 Disabling trap ntdll.dll!RtlAllocateHeap due to predicate failure
+2 Failed to resolve address of API ntdll.dll!RtlReAllocateHeap
+4 Not hooking ntdll.dll!RtlCompressBuffer as it's already hooked
+2 Failed to resolve address of API ntdll.dll!RtlReAllocateHeap
+4 Not hooking ntdll.dll!RtlCompactHeap as it's already hooked
+4 Not hooking ntdll.dll!RtlFreeHeap as it's already hooked
+)");
+}
+
 TEST_F(HookInfra, InvalidArgumentsAreRefusedAndLogged) {
   Initialize(false);
   NewRecords();
