@@ -57,6 +57,10 @@ TEST(ExportResolver, FindsCodeAndForwardersByExactNameOnly) {
   EXPECT_TRUE(forwarded.status == nt::kSuccess && forwarded.address == nullptr);
   EXPECT_STREQ(forwarded.forward, "OTHER.Target");
   EXPECT_EQ(Find(sample, "Delta", false).status, nt::kNotSupported) << "a forwarder without a place for its string";
+  PeImage shrunk = sample;  // the export directory now ends where Delta's string starts: code, not a forwarder
+  const auto delta = shrunk.Read<std::uint32_t>(shrunk.functionTable + 12);
+  shrunk.Write(PeImage::DataDirectory(0) + 4, delta - shrunk.exportDirectory);
+  EXPECT_EQ(Find(shrunk, "Delta").address, shrunk.At(delta));
   const void* address = &sample;
   const char* forward = "x";
   EXPECT_EQ(pe::FindExport(sample.base(), nullptr, &address, &forward), nt::kInvalidParameter);

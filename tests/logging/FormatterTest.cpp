@@ -83,12 +83,13 @@ TEST(LogMessage, RecordCarriesLevelSourceBaseNameAndLineOrAFixedLine) {
 
 TEST(HostLogger, SendsUtf8WithFileLineAndALevelFromOneToFive) {
   host.TakeTheLog();
-  // Each length of UTF-8, its payload bits clear where they meet the marker bits; then a character
-  // with every payload bit set, so that a shift by one shows.
-  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7, L"A\u0100\u4e00\U00010000\U0010FFFF");
-  EXPECT_EQ(
-      host.Records(),
-      (std::vector<test::LogRecord>{{5, "HookInfra.cpp", 7, "A\xc4\x80\xe4\xb8\x80\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"}}));
+  // Each length of UTF-8, its payload bits clear where they meet the marker bits; then an emoji and
+  // the last character, whose payload bits change between neighbours, so that a shift by one shows.
+  tessel::SendToHostLogger(tessel::LogLevel::Verbose, "HookInfra.cpp", 7,
+                           L"A\u0100\u4e00\U00010000\U0001F600\U0010FFFF");
+  EXPECT_EQ(host.Records(),
+            (std::vector<test::LogRecord>{
+                {5, "HookInfra.cpp", 7, "A\xc4\x80\xe4\xb8\x80\xf0\x90\x80\x80\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf"}}));
   std::vector<std::int32_t> levels;
   for (const int level : {0, 1, 2, 3, 4, 5, 6, 255}) {
     tessel::SendToHostLogger(static_cast<tessel::LogLevel>(level), "f", 1, L"");
