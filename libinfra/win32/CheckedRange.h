@@ -13,7 +13,6 @@ class CheckedImage {
   CheckedImage(std::uintptr_t base, std::uint32_t size) noexcept : begin_(base), end_(base + size) {}
 
   std::uintptr_t begin() const noexcept { return begin_; }
-  std::uintptr_t end() const noexcept { return end_; }
 
   bool Contains(std::uintptr_t address) const noexcept { return address >= begin_ && address < end_; }
 
