@@ -50,6 +50,7 @@ TEST_F(Host, ActivatesOnlyItsClassInitializesOnceAndKeepsTheModuleLoadedOnceInit
       module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
       S_OK);
   EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+  EXPECT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, nullptr), E_POINTER);
   EXPECT_EQ(factory->CreateInstance(factory.Get(), _ITarnAddon::kIid, &object), CLASS_E_NOAGGREGATION);
   ExpectRefused(factory.Get(), {_ITarnAddon::kIid, kIidIAgileObject, kIidIMarshal});
   EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE);
@@ -137,17 +138,26 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
   using Compress = test::RealFunction<tessel::RtlCompressBufferFunction, 0x7A>;
   using Snapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0x7B>;
+  using CompressFails = test::RealFunction<tessel::RtlCompressBufferFunction, 0xC0000023>;
+  using NoSnapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0>;
   ASSERT_NO_FATAL_FAILURE(
-      Start({{L"RtlCompressBuffer", Compress::Address()}, {L"CreateToolhelp32Snapshot", Snapshot::Address()}}));
+      Start({{L"RtlCompressBuffer", CompressFails::Address()}, {L"CreateToolhelp32Snapshot", NoSnapshot::Address()}}));
+  auto* compress = Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer");
   auto* snapshot = Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot");
-  const auto callEach = [&] {
-    std::uint32_t finalSize = 0;
+  std::uint32_t finalSize = 0;
+  const auto callEach = [&](auto compressing, auto snapshotting) {
     SetLastError(1);
-    EXPECT_TRUE(Compress::Returned(Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer")(
-        0x0102, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr)));
-    EXPECT_TRUE(Snapshot::Returned(snapshot(6, 4321)));
+    EXPECT_TRUE(compressing.Returned(compress(0x0102, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr)));
+    EXPECT_TRUE(snapshotting.Returned(snapshot(6, 4321)));
   };
-  callEach();
+  // A failed compression, though the first (the rate limit would pass it), and a snapshot without
+  // a handle report nothing. The host then points the slots at functions that succeed.
+  callEach(CompressFails{}, NoSnapshot{});
+  EXPECT_TRUE(host_.Events().empty());
+  for (const test::HookRequest& request : host_.requests) {
+    *request.slot = request.name == L"RtlCompressBuffer" ? Compress::Address() : Snapshot::Address();
+  }
+  callEach(Compress{}, Snapshot{});
   const std::uint64_t created = platform::ProcessCreationTime();
   ASSERT_NE(created, 0u);
   // Format and engine as passed, then the capacity offered, not the final size.
@@ -156,7 +166,7 @@ TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
                 test::EventBytes().U16(17).Text("RtlCompressBuffer").U16(1).U64(created).U16(0x0102).U32(100).U32(120),
                 test::EventBytes().U16(24).Text("CreateToolhelp32Snapshot").U16(1).U64(created).U32(6).U32(4321)}));
   ASSERT_EQ(addon_->Stop(), S_OK);
-  callEach();
+  callEach(Compress{}, Snapshot{});
   EXPECT_EQ(host_.Events().size(), 2u) << "handlers only pass through after Stop";
   test::FakeHost unused;
   ASSERT_EQ(addon_->Initialize(&unused), S_OK);
