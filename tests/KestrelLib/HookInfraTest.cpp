@@ -180,7 +180,7 @@ TEST_F(HookInfra, ADescriptorMayAskItsPredicateAtEachLoadAndResolveItsOwnTarget)
 )");
 }
 
-TEST_F(HookInfra, InvalidArgumentsAreRefusedAndLogged) {
+TEST_F(HookInfra, InvalidArgumentsAreRefusedAndLoggedAndAThrowingUnloadFails) {
   Initialize(false);
   NewRecords();
   _ITarnDllEvents* sink = host_.sink;
@@ -202,6 +202,8 @@ TEST_F(HookInfra, InvalidArgumentsAreRefusedAndLogged) {
                       : "2 Invalid arguments passed to module unload callback\n";
   }
   EXPECT_EQ(NewRecords(), expected);
+  tessel::Globals::logger = nullptr;  // its first message now throws: the callback fails instead
+  EXPECT_EQ(sink->OnModuleUnload(base, 1, L"ntdll.dll", L"p"), E_FAIL);
 }
 
 TEST_F(HookInfra, SubscriptionFailuresAreLoggedAndToleratedAndDestructionUnsubscribes) {
