@@ -63,6 +63,15 @@ TEST(ComObject, WeakReferenceResolvesWhileTheObjectLivesAndFailsSoftlyAfterwards
     EXPECT_TRUE(weak->QueryInterface(iid, reinterpret_cast<void**>(answer.Put())) == S_OK &&
                 answer.Get() == weak.Get());
   }
+  void* refused = &destroyed;
+  EXPECT_TRUE(weak->QueryInterface(com::kIidIWeakReferenceSource, &refused) == E_NOINTERFACE && refused == nullptr);
+  EXPECT_EQ(std::vector<HRESULT>({weak->QueryInterface(com::kIidIUnknown, nullptr),
+                                  weak->Resolve(com::kIidIUnknown, nullptr), source->GetWeakReference(nullptr)}),
+            std::vector<HRESULT>(3, E_POINTER));
+  com::Ptr<IServiceProvider> throughSource;  // the source answers for the object
+  ASSERT_EQ(source->QueryInterface(com::kIidIServiceProvider, reinterpret_cast<void**>(throughSource.Put())), S_OK);
+  EXPECT_EQ(throughSource.Get(), static_cast<IServiceProvider*>(widget.Get()));
+  throughSource = {};
   source = {};
   EXPECT_EQ(std::vector<ULONG>({weak->AddRef(), weak->Release()}), std::vector<ULONG>({3, 2}))
       << "held by this reference and by the living object";
@@ -98,7 +107,9 @@ TEST(LifetimeList, ReleasesEveryPresentObjectOnceAndForgetsTheEntries) {
   } first, second;
   void* answer = nullptr;
   EXPECT_EQ(first.QueryInterface(com::kIidIClassFactory, &answer), E_NOINTERFACE);
-  ASSERT_EQ(first.QueryInterface(com::kIidIServiceProvider, &answer), S_OK);  // the reference the list holds
+  EXPECT_EQ(first.QueryInterface(com::kIidIUnknown, nullptr), E_POINTER);
+  ASSERT_EQ(first.QueryInterface(com::kIidIUnknown, &answer), S_OK);  // the reference the list holds
+  EXPECT_EQ(answer, static_cast<IServiceProvider*>(&first));
   second.AddRef();
   com::LifetimeList list;
   com::LifetimeEntry entries[3] = {{{&first, 0}, nullptr}, {{nullptr, 0}, nullptr}, {{&second, 7}, nullptr}};
