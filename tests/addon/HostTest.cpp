@@ -150,8 +150,8 @@ TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
     EXPECT_TRUE(compressing.Returned(compress(0x0102, nullptr, 100, nullptr, 120, 4096, &finalSize, nullptr)));
     EXPECT_TRUE(snapshotting.Returned(snapshot(6, 4321)));
   };
-  // A failed compression, though the first (the rate limit would pass it), and a snapshot without
-  // a handle report nothing. The host then points the slots at functions that succeed.
+  // A failed compression (the first, which the rate limit would let through) and a snapshot
+  // without a handle report nothing. Then the host points the slots at functions that succeed.
   callEach(CompressFails{}, NoSnapshot{});
   EXPECT_TRUE(host_.Events().empty());
   for (const test::HookRequest& request : host_.requests) {
