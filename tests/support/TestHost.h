@@ -5,11 +5,17 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <ostream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
+#include "KestrelLib/Globals.h"
+#include "KestrelLib/HostLogger.h"
 #include "addon/HostInterfaces.h"
 #include "libinfra/com/UnownedObject.h"
+#include "logging/LogFunction.h"
 
 namespace test {
 
@@ -19,8 +25,10 @@ struct LogRecord {
   std::uint32_t line;
   std::string text;
   bool operator==(const LogRecord&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, const LogRecord& r) {
+    return out << "{" << r.level << ", " << r.file << ":" << r.line << ", \"" << r.text << "\"}";
+  }
 };
-std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
 struct HookRequest {
   std::wstring name;
@@ -35,32 +43,118 @@ enum class Service { Logger, Config, EventGenerator, CpContainer };
 class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger, _ITarnConfig, _ITarnEventGenerator,
                                                  IConnectionPointContainer, IConnectionPoint, _ITarnHookService> {
  public:
-  ~FakeHost();  // gives back the sink's reference, as a host does when it shuts down
-  HRESULT STDMETHODCALLTYPE QueryService(REFGUID service, REFIID iid, void** object) override;
-  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* text) override;
+  ~FakeHost() {  // gives back the sink's reference, as a host does when it shuts down
+    if (_ITarnDllEvents* held = std::exchange(sink, nullptr)) {
+      held->Release();
+    }
+  }
+
+  HRESULT STDMETHODCALLTYPE QueryService(REFGUID serviceId, REFIID iid, void** object) override {
+    *object = nullptr;
+    const std::tuple<Service, const char*, const GUID&, const GUID&, IUnknown*> services[] = {
+        {Service::Logger, "logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
+        {Service::Config, "config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
+        {Service::EventGenerator, "event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid,
+         static_cast<_ITarnEventGenerator*>(this)},
+        {Service::CpContainer, "injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
+         static_cast<IConnectionPointContainer*>(this)}};
+    for (const auto& [service, name, id, answerIid, answer] : services) {
+      if (com::GuidEquals(serviceId, id) && com::GuidEquals(iid, answerIid)) {
+        calls.push_back(std::string("QueryService(") + name + ")");
+        if (const auto failure = failures.find(service); failure != failures.end()) {
+          return failure->second;  // S_OK here: success with nothing handed out
+        }
+        answer->AddRef();
+        *object = answer;
+        return S_OK;
+      }
+    }
+    calls.push_back("QueryService(unknown pairing)");
+    return E_NOINTERFACE;
+  }
+  HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* text) override {
+    std::lock_guard lock(mutex_);
+    records_.push_back({level, file, line, text});
+    return S_OK;
+  }
   HRESULT STDMETHODCALLTYPE HostSlot3() override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE HostSlot4() override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE HostSlot5() override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE HostSlot6() override { return E_FAIL; }
-  HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* json) override;
-  // Records the event, then answers `sendResult`, or 0x80070008 (dropped) for every `loseEvery`-th
-  // event when that is set.
-  HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override;
+  HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* out) override {
+    calls.push_back("GetModuleConfiguration");
+    *out =
+        SUCCEEDED(configResult) && json ? SysAllocStringLen(json->data(), static_cast<UINT32>(json->size())) : nullptr;
+    return configResult;
+  }
+  // Records the event, then answers `sendResult`, or 0x80070008 (dropped) for every `loseEvery`-th.
+  HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override {
+    std::lock_guard lock(mutex_);
+    events_.emplace_back(data, data + size);
+    return loseEvery != 0 && events_.size() % loseEvery == 0 ? static_cast<HRESULT>(0x80070008) : sendResult.load();
+  }
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override {
+    calls.push_back(com::GuidEquals(iid, _ITarnDllEvents::kIid) ? "FindConnectionPoint(_ITarnDllEvents)"
+                                                                : "FindConnectionPoint(other)");
+    *point = SUCCEEDED(findResult) ? this : nullptr;
+    if (*point != nullptr) {
+      AddRef();
+    }
+    return findResult;
+  }
   HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID*) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override { return E_FAIL; }
-  HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
-  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
+  HRESULT STDMETHODCALLTYPE Advise(IUnknown* newSink, DWORD* cookie) override {
+    calls.push_back("Advise");
+    *cookie = 42;  // also when failing: the add-on must not take that for a subscription
+    return SUCCEEDED(adviseResult) ? newSink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&sink))
+                                   : adviseResult;
+  }
+  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override {
+    calls.push_back("Unadvise " + std::to_string(cookie));
+    if (_ITarnDllEvents* held = std::exchange(sink, nullptr)) {
+      held->Release();
+    }
+    return S_OK;
+  }
   HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections**) override { return E_FAIL; }
   // Records the request, leaves realFunctions[name] in the slot if there is one (as a host's
   // trampoline would), and answers hookResults[name], S_OK by default.
-  HRESULT STDMETHODCALLTYPE SetHook(const wchar_t* name, void** slot, void* handler) override;
+  HRESULT STDMETHODCALLTYPE SetHook(const wchar_t* name, void** slot, void* handler) override {
+    requests.push_back({name, slot, *slot, handler});
+    if (const auto real = realFunctions.find(name); real != realFunctions.end()) {
+      *slot = real->second;
+    }
+    const auto result = hookResults.find(name);
+    return result == hookResults.end() ? S_OK : result->second;
+  }
 
-  void TakeTheLog();  // becomes the library's log, as the logger Initialize acquires
-  std::vector<LogRecord> Records(std::string_view file = {}) const;  // every record, or one file's
-  std::vector<std::vector<BYTE>> Events() const;
-  std::vector<std::wstring> HookNames() const;
+  void TakeTheLog() {  // becomes the library's log, as the logger Initialize acquires
+    tessel::Globals::logger = this;
+    tessel::logging::logFunction = &tessel::SendToHostLogger;
+  }
+  std::vector<LogRecord> Records(std::string_view file = {}) const {  // every record, or one file's
+    std::lock_guard lock(mutex_);
+    std::vector<LogRecord> matching;
+    for (const LogRecord& record : records_) {
+      if (file.empty() || record.file == file) {
+        matching.push_back(record);
+      }
+    }
+    return matching;
+  }
+  std::vector<std::vector<BYTE>> Events() const {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+  std::vector<std::wstring> HookNames() const {
+    std::vector<std::wstring> names;
+    for (const HookRequest& request : requests) {
+      names.push_back(request.name);
+    }
+    return names;
+  }
 
   std::vector<std::string> calls;
   std::map<Service, HRESULT> failures;       // queries for these answer this, handing out nothing
