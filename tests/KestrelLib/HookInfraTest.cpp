@@ -52,21 +52,6 @@ class HookInfra : public test::HookedAddon {
   std::size_t seen_ = 0;
 };
 
-TEST(ModuleKey, IsTheNameInLowerCaseWithoutItsLastExtension) {
-  const std::pair<const wchar_t*, const wchar_t*> rows[] = {{L"KERNEL32.DLL", L"kernel32"},
-                                                            {L"ADVAPI32.DLL", L"advapi32"},
-                                                            {L"Zz.dll", L"zz"},
-                                                            {L"ntdll.dll.mui", L"ntdll.dll"},
-                                                            {L".dll", L""},
-                                                            {L"", L""},
-                                                            {L"C:\\W\\NTDLL.DLL", L"c:\\w\\ntdll"},
-                                                            {L"@[`{.DLL", L"@[`{"},
-                                                            {L"\u00C4BC.DLL", L"\u00C4bc"}};
-  for (const auto& [name, key] : rows) {
-    EXPECT_EQ(tessel::moduleKeyFromName(name), key);
-  }
-}
-
 TEST_F(HookInfra, SetHookResultsDecideTheStatesAndUnloadsAndReloadsFollowThem) {
   Initialize(true);
   host_.hookResults = {{L"RtlAllocateHeap", static_cast<HRESULT>(0x800704EC)},

@@ -1,4 +1,4 @@
-// The COM object template: counting, identity, weak references and the module object count.
+// The COM object template's weak references, and the list that releases the module's lifetime objects.
 #include <gtest/gtest.h>
 
 #include "libinfra/com/LifetimeList.h"
@@ -20,34 +20,6 @@ class Widget final : public com::Object<Widget, IServiceProvider, IConnectionPoi
 };
 
 std::int32_t LiveObjects() { return com::moduleObjectCount.load(); }
-
-TEST(ComObject, CountsReferencesAndLiveObjectsAndAnswersItsInterfacesWithOneIdentity) {
-  const std::int32_t baseline = LiveObjects();
-  bool destroyed = false;
-  Widget* widget = com::Make<Widget>(destroyed).Detach();
-  EXPECT_EQ(LiveObjects(), baseline + 1);
-  IUnknown* identity = nullptr;
-  ASSERT_EQ(widget->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(&identity)), S_OK);
-  for (const GUID& iid : {com::kIidIServiceProvider, com::kIidIConnectionPointContainer}) {
-    com::Ptr<IUnknown> answer;
-    com::Ptr<IUnknown> answerIdentity;
-    ASSERT_EQ(widget->QueryInterface(iid, reinterpret_cast<void**>(answer.Put())), S_OK);
-    ASSERT_EQ(answer->QueryInterface(com::kIidIUnknown, reinterpret_cast<void**>(answerIdentity.Put())), S_OK);
-    EXPECT_EQ(answerIdentity.Get(), identity);
-  }
-  for (const GUID& iid : {com::kIidIClassFactory, com::kIidIWeakReference, com::kIidIConnectionPoint}) {
-    void* answer = &destroyed;
-    EXPECT_EQ(widget->QueryInterface(iid, &answer), E_NOINTERFACE);
-    EXPECT_EQ(answer, nullptr);
-  }
-  EXPECT_EQ(widget->QueryInterface(com::kIidIUnknown, nullptr), E_POINTER);
-  EXPECT_EQ(std::vector<ULONG>({identity->Release(), widget->AddRef(), widget->Release()}),
-            std::vector<ULONG>({1, 2, 1}));
-  EXPECT_FALSE(destroyed);
-  EXPECT_EQ(widget->Release(), 0u);
-  EXPECT_TRUE(destroyed);
-  EXPECT_EQ(LiveObjects(), baseline);
-}
 
 TEST(ComObject, WeakReferenceResolvesWhileTheObjectLivesAndFailsSoftlyAfterwards) {
   const std::int32_t baseline = LiveObjects();
@@ -89,16 +61,6 @@ TEST(ComObject, WeakReferenceResolvesWhileTheObjectLivesAndFailsSoftlyAfterwards
   EXPECT_EQ(LiveObjects(), baseline + 1);
   weak = {};
   EXPECT_EQ(LiveObjects(), baseline);
-}
-
-TEST(ComObjectDeathTest, MoreDestructionsThanConstructionsTerminate) {
-  EXPECT_DEATH(
-      {
-        com::moduleObjectCount.store(0);
-        alignas(com::ModuleObjectCounter) unsigned char storage[sizeof(com::ModuleObjectCounter)];
-        reinterpret_cast<com::ModuleObjectCounter*>(storage)->~ModuleObjectCounter();
-      },
-      "");
 }
 
 TEST(LifetimeList, ReleasesEveryPresentObjectOnceAndForgetsTheEntries) {

@@ -1,9 +1,8 @@
-// The export resolver and the version reader over images laid out by the builder: every status
-// of the resolver, reached by breaking one field of a valid image at a time, and version
+// The export resolver and the version reader over images laid out by the builder: each status
+// of the resolver, reached by a lookup or by breaking one field of a valid image, and version
 // resources that tell the truth and that lie, with the build number read and the warnings logged.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <functional>
 
 #include "libinfra/win32/ExportResolver.h"
@@ -20,114 +19,92 @@ using test::PeImageBuilder;
 const PeImage sample =
     PeImageBuilder().Export("Alpha").Export("Gamma").Export("Epsilon").Export("Delta", "OTHER.Target").Build();
 
-struct Lookup {
-  nt::Status status;
-  const void* address;
-  const char* forward;
-};
-
-Lookup Find(const PeImage& image, const char* name, bool wantForward = true) {
-  Lookup result{};
-  result.status = pe::FindExport(image.base(), name, &result.address, wantForward ? &result.forward : nullptr);
-  return result;
-}
-
-TEST(ExportResolver, FindsCodeAndForwardersByExactNameOnly) {
-  const std::pair<nt::Status, std::uint32_t> codes[] = {// the system's own status codes
-                                                        {nt::kSuccess, 0},
-                                                        {nt::kInvalidParameter, 0xC000000D},
-                                                        {nt::kProcedureNotFound, 0xC000007A},
-                                                        {nt::kInvalidImageFormat, 0xC000007B},
-                                                        {nt::kNotSupported, 0xC00000BB},
-                                                        {nt::kNoExportTable, 0xC0000292}};
-  for (const auto& [status, code] : codes) {
-    EXPECT_EQ(static_cast<std::uint32_t>(status), code);
-  }
-  for (std::uint32_t i = 0; i < 3; ++i) {
-    const Lookup found = Find(sample, std::array{"Alpha", "Gamma", "Epsilon"}[i]);
-    EXPECT_TRUE(found.status == nt::kSuccess && found.address == sample.At(PeImageBuilder::CodeRva(i)) &&
-                found.forward == nullptr)
-        << i;
-  }
-  for (const char* name : {"Aardvark", "Beta", "Zulu", "alpha", "ALPHA", "Alph", "Alphas", ""}) {
-    const Lookup found = Find(sample, name);
-    EXPECT_TRUE(found.status == nt::kProcedureNotFound && found.address == nullptr && found.forward == nullptr) << name;
-  }
-  const Lookup forwarded = Find(sample, "Delta");
-  EXPECT_TRUE(forwarded.status == nt::kSuccess && forwarded.address == nullptr);
-  EXPECT_STREQ(forwarded.forward, "OTHER.Target");
-  EXPECT_EQ(Find(sample, "Delta", false).status, nt::kNotSupported) << "a forwarder without a place for its string";
-  PeImage shrunk = sample;  // the export directory now ends where Delta's string starts: code, not a forwarder
-  const auto delta = shrunk.Read<std::uint32_t>(shrunk.functionTable + 12);
-  shrunk.Write(PeImage::DataDirectory(0) + 4, delta - shrunk.exportDirectory);
-  EXPECT_EQ(Find(shrunk, "Delta").address, shrunk.At(delta));
-  const void* address = &sample;
-  const char* forward = "x";
-  EXPECT_EQ(pe::FindExport(sample.base(), nullptr, &address, &forward), nt::kInvalidParameter);
-  EXPECT_TRUE(address == nullptr && forward == nullptr);
-  EXPECT_EQ(Find(PeImageBuilder().NoExports().Build(), "Alpha").status, nt::kNoExportTable);
-  EXPECT_EQ(Find(PeImageBuilder().Build(), "Alpha").status, nt::kProcedureNotFound) << "an empty name table";
-}
-
-TEST(ExportResolver, AnImageWithOneFieldBrokenGivesItsStatusAndNullOutputs) {
-  struct Corruption {
+// One lookup per row in the sample image, changed as the row says: the status, by the system's
+// own code; the code export's address or the forward string; and null outputs on every failure.
+TEST(ExportResolver, FindsByExactNameOrGivesTheStatusOfTheFirstBrokenField) {
+  struct Row {
     const char* what;
-    std::function<void(PeImage&)> corrupt;
+    std::function<void(PeImage&)> change;
     const char* name;
-    nt::Status status;
+    std::uint32_t status;
+    int function = -1;  // whose RVA is the address found
+    const char* forward = nullptr;
   };
   // Export directory fields by offset.
   constexpr std::uint32_t kNumberOfFunctions = 20, kNumberOfNames = 24, kFunctions = 28, kNames = 32, kOrdinals = 36;
   const auto field = [](std::uint32_t offset, std::uint32_t value) {
     return [=](PeImage& i) { i.Write(i.exportDirectory + offset, value); };
   };
-  const Corruption rows[] = {
-      {"function table RVA 0", field(kFunctions, 0), "Alpha", nt::kNoExportTable},
+  const auto unchanged = [](PeImage&) {};
+  const Row rows[] = {
+      {"code", unchanged, "Alpha", 0, 0},
+      {"code", unchanged, "Gamma", 0, 1},
+      {"code", unchanged, "Epsilon", 0, 2},
+      {"a forwarder", unchanged, "Delta", 0, -1, "OTHER.Target"},
+      {"the directory ends where Delta's string starts: code, not a forwarder",
+       [](PeImage& i) {
+         i.Write(PeImage::DataDirectory(0) + 4, i.Read<std::uint32_t>(i.functionTable + 12) - i.exportDirectory);
+       },
+       "Delta", 0, 3},
+      {"no name", unchanged, nullptr, 0xC000000D},
+      {"no export directory", [](PeImage& i) { i = PeImageBuilder().NoExports().Build(); }, "Alpha", 0xC0000292},
+      {"an empty name table", [](PeImage& i) { i = PeImageBuilder().Build(); }, "Alpha", 0xC000007A},
+      {"function table RVA 0", field(kFunctions, 0), "Alpha", 0xC0000292},
       {"function table ends exactly at the image end",
        [](PeImage& i) {
          i.Write<std::uint32_t>(i.exportDirectory + kNumberOfFunctions, (i.size() - i.functionTable) / 4);
        },
-       "Alpha", nt::kInvalidImageFormat},
+       "Alpha", 0xC000007B},
       {"function table ends one entry inside the image, where it may",
        [](PeImage& i) {
          i.Write<std::uint32_t>(i.exportDirectory + kNumberOfFunctions, (i.size() - i.functionTable) / 4 - 1);
        },
-       "Zulu", nt::kProcedureNotFound},
+       "Zulu", 0xC000007A},
       {"function table starts outside the image", [](PeImage& i) { i.Write(i.exportDirectory + kFunctions, i.size()); },
-       "Alpha", nt::kInvalidImageFormat},
+       "Alpha", 0xC000007B},
       {"name table ends exactly at the image end",
-       [](PeImage& i) { i.Write(i.exportDirectory + kNames, i.size() - 16); }, "Alpha", nt::kInvalidImageFormat},
-      {"ordinal table at the image base, where a table may start", field(kOrdinals, 0), "Alpha",
-       nt::kProcedureNotFound},
-      {"ordinal table wraps around the address space", field(kOrdinals, 0xFFFFFFF0), "Alpha", nt::kInvalidImageFormat},
-      {"huge name count runs the name table out", field(kNumberOfNames, 0x40000000), "Alpha", nt::kInvalidImageFormat},
+       [](PeImage& i) { i.Write(i.exportDirectory + kNames, i.size() - 16); }, "Alpha", 0xC000007B},
+      {"ordinal table at the image base, where a table may start", field(kOrdinals, 0), "Alpha", 0xC000007A},
+      {"ordinal table wraps around the address space", field(kOrdinals, 0xFFFFFFF0), "Alpha", 0xC000007B},
+      {"huge name count runs the name table out", field(kNumberOfNames, 0x40000000), "Alpha", 0xC000007B},
       {"a probed name RVA outside the image", [](PeImage& i) { i.Write<std::uint32_t>(i.nameTable + 4, 0x7FFFFFFF); },
-       "Alpha", nt::kInvalidImageFormat},
+       "Alpha", 0xC000007B},
       {"the found name's RVA outside the image", [](PeImage& i) { i.Write(i.nameTable + 12, i.size()); }, "Zulu",
-       nt::kInvalidImageFormat},
+       0xC000007B},
       {"function index not below the function count", [](PeImage& i) { i.Write<std::uint16_t>(i.ordinalTable, 4); },
-       "Alpha", nt::kProcedureNotFound},
-      {"function RVA outside the image", [](PeImage& i) { i.Write(i.functionTable, i.size()); }, "Alpha",
-       nt::kInvalidImageFormat},
+       "Alpha", 0xC000007A},
+      {"function RVA outside the image", [](PeImage& i) { i.Write(i.functionTable, i.size()); }, "Alpha", 0xC000007B},
       {"forward string not terminated inside the image",
        [](PeImage& i) {  // the last string; the directory is stretched to the image end
          const auto forward = i.Read<std::uint32_t>(i.functionTable + 12);
          i.Write(PeImage::DataDirectory(0) + 4, i.size() - i.exportDirectory);
          std::memset(i.At(forward), 'x', i.size() - forward);
        },
-       "Delta", nt::kInvalidImageFormat},
+       "Delta", 0xC000007B},
       {"export directory outside the image", [](PeImage& i) { i.Write(PeImage::DataDirectory(0), i.size() - 8); },
-       "Alpha", nt::kInvalidImageFormat},
+       "Alpha", 0xC000007B},
       {"image size smaller than the tables", [](PeImage& i) { i.Write(PeImage::kSizeOfImage, i.exportDirectory + 40); },
-       "Alpha", nt::kInvalidImageFormat},
+       "Alpha", 0xC000007B},
   };
-  for (const Corruption& row : rows) {
-    PeImage image = sample;
-    row.corrupt(image);
-    const Lookup found = Find(image, row.name);
-    EXPECT_TRUE(found.status == row.status && found.address == nullptr && found.forward == nullptr)
-        << row.what << ": status 0x" << std::hex << found.status;
+  std::vector<Row> lookups(std::begin(rows), std::end(rows));
+  for (const char* name : {"Aardvark", "Beta", "Zulu", "alpha", "ALPHA", "Alph", "Alphas", ""}) {
+    lookups.push_back({"only the exact name", unchanged, name, 0xC000007A});
   }
+  for (const Row& row : lookups) {
+    PeImage image = sample;
+    row.change(image);
+    const void* address = &image;
+    const char* forward = "x";
+    const auto status = static_cast<std::uint32_t>(pe::FindExport(image.base(), row.name, &address, &forward));
+    const void* expected =
+        row.function < 0 ? nullptr : image.At(image.Read<std::uint32_t>(image.functionTable + 4 * row.function));
+    EXPECT_TRUE(status == row.status && address == expected &&
+                std::string_view(forward ? forward : "") == (row.forward ? row.forward : ""))
+        << row.what << " (" << (row.name ? row.name : "null") << "): status 0x" << std::hex << status;
+  }
+  const void* address = nullptr;
+  EXPECT_EQ(pe::FindExport(sample.base(), "Delta", &address, nullptr), static_cast<nt::Status>(0xC00000BB))
+      << "a forwarder without a place for its string";
 }
 
 TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenTheBlockHoldsOne) {
