@@ -52,6 +52,14 @@ class HookInfra : public test::HookedAddon {
   std::size_t seen_ = 0;
 };
 
+TEST(ModuleKey, IsTheNameInLowerCaseWithoutItsLastExtension) {
+  const std::pair<const wchar_t*, const wchar_t*> rows[] = {
+      {L"C:\\AZ@[`{\u00C4.dll.MUI", L"c:\\az@[`{\u00C4.dll"}, {L".dll", L""}, {L"", L""}};
+  for (const auto& [name, key] : rows) {
+    EXPECT_EQ(tessel::moduleKeyFromName(name), key);
+  }
+}
+
 TEST_F(HookInfra, SetHookResultsDecideTheStatesAndUnloadsAndReloadsFollowThem) {
   Initialize(true);
   host_.hookResults = {{L"RtlAllocateHeap", static_cast<HRESULT>(0x800704EC)},
