@@ -88,8 +88,10 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
     return configResult;
   }
   // Records the event, then answers `sendResult`, or 0x80070008 (dropped) for every `loseEvery`-th.
+  // Like a real host's, it changes the last-error value, which the caller must not see.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override {
     std::lock_guard lock(mutex_);
+    SetLastError(0xE7);
     events_.emplace_back(data, data + size);
     return loseEvery != 0 && events_.size() % loseEvery == 0 ? static_cast<HRESULT>(0x80070008) : sendResult.load();
   }
