@@ -22,7 +22,7 @@
 
 // Counts this binary's allocations: the array, nothrow and sized forms of new and delete reach
 // these two. A sanitizer runtime owns them, so only the plain builds count.
-std::atomic<std::size_t> allocations{0};
+static std::atomic<std::size_t> allocations{0};
 #if defined(__has_feature) && (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
 constexpr bool kCountsAllocations = false;
 #else
