@@ -1,70 +1,26 @@
-// The handlers' rules, through the handlers the host was given: when they pass straight through,
-// the per-thread guard that keeps a hook from re-entering itself, the compression rate limit,
-// what is logged when sending fails or the host drops events, and that reporting allocates
-// nothing; neither an exception nor the last-error value of an event step reaches the caller.
+// The handlers' rules, through the handlers the host was given: the per-thread guard that keeps
+// a hook from re-entering itself, and what is logged when sending fails or the host drops events.
 // The real functions behind the slots are the test's own.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-#include <stdexcept>
-#include <thread>
-
-#include "KestrelLib/CompressionRateLimit.h"
 #include "KestrelLib/Globals.h"
-#include "KestrelLib/HookHandler.h"
+#include "KestrelLib/HookGuard.h"
 #include "KestrelLib/PayloadSender.h"
 #include "KestrelLib/TrapList.auto.h"
 #include "logging/LogFunction.h"
 #include "tests/support/HookedAddon.h"
 #include "tests/support/RealFunction.h"
 
-// Counts this binary's allocations: the array, nothrow and sized forms of new and delete reach
-// these two. A sanitizer runtime owns them, so only the plain builds count.
-static std::atomic<std::size_t> allocations{0};
-#if defined(__has_feature) && (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
-constexpr bool kCountsAllocations = false;
-#else
-constexpr bool kCountsAllocations = true;
-void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size == 0 ? 1 : size)) {
-    return block;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept { std::free(block); }
-#endif
-
 namespace {
 
-using tessel::threadHookGuard;
-
-std::vector<bool> allocateActive;  // per real call: was its own hook marked active?
-tessel::RtlAllocateHeapFunction* allocate = nullptr;
-
-void* RealAllocate(void* heap, std::uint32_t flags, std::size_t size) {
-  allocateActive.push_back(tessel::IsActive(threadHookGuard, {2, true}));
-  if (size == 1) {
-    allocate(heap, flags, 2);  // re-enters its own hook
-  } else if (size == 3) {
-    throw std::runtime_error("the real function failed");
-  }
-  SetLastError(8);
-  return reinterpret_cast<void*>(0x1000 + size);
-}
 using RealCompress = test::RealFunction<tessel::RtlCompressBufferFunction, 0>;
 using RealSnapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0x12>;
 
 class Handlers : public test::HookedAddon {
  protected:
   void SetUp() override {
-    host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
-    ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&RealAllocate)},
-                                   {L"RtlCompressBuffer", RealCompress::Address()},
-                                   {L"CreateToolhelp32Snapshot", RealSnapshot::Address()}}));
-    allocate = Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap");
+    ASSERT_NO_FATAL_FAILURE(Start(
+        {{L"RtlCompressBuffer", RealCompress::Address()}, {L"CreateToolhelp32Snapshot", RealSnapshot::Address()}}));
     snapshot_ = Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot");
   }
   void Compress() {
@@ -74,24 +30,6 @@ class Handlers : public test::HookedAddon {
   }
   tessel::CreateToolhelp32SnapshotFunction* snapshot_ = nullptr;
 };
-
-TEST_F(Handlers, PassStraightThroughWhileDisabledSuppressedOrReenteredAndLeaveTheGuardOnEveryWayOut) {
-  tessel::SetHooksDisabled(true);
-  allocate(nullptr, 0, 16);
-  tessel::SetHooksDisabled(false);
-  threadHookGuard.suppressed = true;
-  allocate(nullptr, 0, 16);
-  threadHookGuard.suppressed = false;
-  threadHookGuard.activeBits = 1u << 2;  // as if this thread were inside the handler: others are not
-  std::thread([] { allocate(nullptr, 0, 16); }).join();
-  threadHookGuard.activeBits = 0;
-  SetLastError(1);
-  EXPECT_EQ(allocate(nullptr, 0, 1), reinterpret_cast<void*>(0x1001));
-  EXPECT_EQ(GetLastError(), 8u);
-  EXPECT_THROW(allocate(nullptr, 0, 3), std::runtime_error);
-  EXPECT_EQ(threadHookGuard.activeBits, 0u);
-  EXPECT_EQ(allocateActive, (std::vector<bool>{false, false, true, true, true, true}));
-}
 
 TEST(HookGuard, BitsForTheCatalogueFramesForLargerIdsAndNoIdForEveryHook) {
   tessel::HookGuard guard{};
@@ -122,21 +60,6 @@ TEST(HookGuard, BitsForTheCatalogueFramesForLargerIdsAndNoIdForEveryHook) {
   EXPECT_TRUE(tessel::IsActive(guard, {30, true}) && tessel::IsActive(guard, {0, false}));
   tessel::Leave(guard, {0, false}, unused);
   EXPECT_FALSE(guard.allHooksActive);
-}
-
-TEST(CompressionRateLimit, OneEventPerSecondInThirtyTwoBitArithmeticReadAsSigned) {
-  for (const std::uint32_t start : {0u, 999u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-    EXPECT_TRUE(tessel::CompressionRateLimit(start).Admit(start)) << "the first event always goes out";
-  }
-  tessel::CompressionRateLimit limit(0x7FFFFF00u);
-  ASSERT_TRUE(limit.Admit(0x7FFFFF00u));
-  EXPECT_FALSE(limit.Admit(0x7FFFFF00u + 999) || limit.Admit(0x7FFFFF00u + 500));
-  EXPECT_EQ(limit.suppressedCompressEvents.load(), 2u);
-  EXPECT_TRUE(limit.Admit(0x800002E8)) << "1000 ms later, across the sign boundary";
-  EXPECT_EQ(limit.suppressedCompressEvents.load(), 0u);
-  EXPECT_FALSE(limit.Admit(0x800002E7)) << "an earlier clock value is a negative difference";
-  tessel::CompressionRateLimit later(5'000);
-  EXPECT_TRUE(later.Admit(5'000) && !later.Admit(0xFFFFFFFF)) << "a clock stuck at -1 reads as before the last event";
 }
 
 TEST_F(Handlers, FailedSendsAreLoggedWithTheirLinesAndNeverReachTheCaller) {
@@ -171,29 +94,6 @@ TEST_F(Handlers, LostEventsShareOneCountLoggedAtTheFirstAndEveryThousandth) {
   snapshot_(1, 1);
   EXPECT_EQ(tessel::lostEventsCount.load(), 2002) << "counted without a log function too";
   EXPECT_EQ(tessel::AccountFor(S_FALSE), tessel::SendOutcome::Failed);
-}
-
-// Every snapshot with a handle is reported, and a burst of compressions once.
-TEST_F(Handlers, ReportingAllocatesNothing) {
-  if (!kCountsAllocations) {
-    GTEST_SKIP() << "the sanitizer runtime owns operator new";
-  }
-  struct Counting final : com::UnownedObject<_ITarnEventGenerator> {
-    HRESULT STDMETHODCALLTYPE SendEvent(const BYTE*, UINT32 size) override {
-      bytes += size;
-      return S_OK;
-    }
-    std::uint32_t bytes = 0;
-  } generator;
-  tessel::Globals::eventGenerator = &generator;
-  snapshot_(1, 1);  // one-time initialisations happen on the first event
-  const std::size_t before = allocations.load();
-  for (int i = 0; i < 100; ++i) {
-    snapshot_(1, 1);
-    Compress();
-  }
-  EXPECT_EQ(allocations.load() - before, 0u);
-  EXPECT_EQ(generator.bytes, 44u * 101 + 39u);
 }
 
 }  // namespace

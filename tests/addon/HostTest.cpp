@@ -1,6 +1,6 @@
 // The add-on as a host drives it, through the module's two exports (on Windows the built
-// Kestrel.dll): activation and unloading, the life cycle with the exact records the host's
-// logger receives, the configuration, the hook requests and the events' bytes. Every test runs
+// Kestrel.dll): the life cycle with the exact records the host's logger receives, the
+// configuration, the hook requests and the events' bytes. Every test runs
 // in its own process, since the library never resets its process-wide state.
 #include <gtest/gtest.h>
 
@@ -18,64 +18,8 @@ namespace {
 using test::LogRecord;
 using test::Service;
 
-void* const kUntouched = reinterpret_cast<void*>(0x1234);
 const std::wstring kHeapHooksOn = L"{\"flags\":{\"hookHeapAllocator\":true}}";
-// Interfaces the add-on must not answer: it is neither agile nor marshallable.
-constexpr GUID kIidIAgileObject{0x94EA2B94, 0xE9CC, 0x49E0, {0xC0, 0xFF, 0xEE, 0x64, 0xCA, 0x8F, 0x5B, 0x90}};
-constexpr GUID kIidIMarshal{0x00000003, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
-
-// Every interface in `refused` is refused with a null output.
-void ExpectRefused(IUnknown* object, std::initializer_list<GUID> refused) {
-  for (const GUID& iid : refused) {
-    void* answer = kUntouched;
-    EXPECT_EQ(object->QueryInterface(iid, &answer), E_NOINTERFACE);
-    EXPECT_EQ(answer, nullptr);
-  }
-}
-
 class Host : public test::HookedAddon {};
-
-TEST_F(Host, ActivatesOnlyItsClassInitializesOnceAndKeepsTheModuleLoadedOnceInitialized) {
-  addon_ = {};
-  CLSID almost = CLSID_KestrelAddon;
-  almost.Data4[7] ^= 1;
-  void* object = kUntouched;
-  EXPECT_EQ(module_.DllGetClassObject(almost, com::kIidIClassFactory, &object), CLASS_E_CLASSNOTAVAILABLE);
-  EXPECT_EQ(object, kUntouched);
-  EXPECT_EQ(module_.DllGetClassObject(CLSID_KestrelAddon, _ITarnAddon::kIid, &object), E_NOINTERFACE);
-  EXPECT_EQ(object, nullptr);
-  EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "the refused factory is destroyed";
-  com::Ptr<IClassFactory> factory;
-  ASSERT_EQ(
-      module_.DllGetClassObject(CLSID_KestrelAddon, com::kIidIClassFactory, reinterpret_cast<void**>(factory.Put())),
-      S_OK);
-  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
-  EXPECT_EQ(factory->CreateInstance(nullptr, _ITarnAddon::kIid, nullptr), E_POINTER);
-  EXPECT_EQ(factory->CreateInstance(factory.Get(), _ITarnAddon::kIid, &object), CLASS_E_NOAGGREGATION);
-  ExpectRefused(factory.Get(), {_ITarnAddon::kIid, kIidIAgileObject, kIidIMarshal});
-  EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE);
-  factory = {};
-  addon_ = CreateAddon();
-  ExpectRefused(addon_.Get(), {com::kIidIClassFactory, kIidIAgileObject, kIidIMarshal, _ITarnDllEvents::kIid});
-
-  EXPECT_EQ(addon_->Initialize(nullptr), E_INVALIDARG);
-  EXPECT_EQ(addon_->Stop(), S_OK);
-  EXPECT_EQ(addon_->Initialize(&host_), S_OK);
-  EXPECT_EQ(host_.calls,
-            (std::vector<std::string>{"QueryService(logger)", "QueryService(config)", "QueryService(event generator)",
-                                      "QueryService(injected CP container)", "GetModuleConfiguration",
-                                      "FindConnectionPoint(_ITarnDllEvents)", "Advise"}));
-  EXPECT_EQ(host_.References(), 6u) << "the registry, four services and the connection point";
-  test::FakeHost second;
-  EXPECT_EQ(addon_->Stop(), S_OK);
-  EXPECT_EQ(addon_->Initialize(&second), S_OK);
-  EXPECT_TRUE(second.calls.empty() && second.References() == 0);
-  EXPECT_EQ(host_.Records("Globals.cpp"),
-            (std::vector<LogRecord>{
-                {4, "Globals.cpp", 58, "Global objects have already been initialized, skipping re-initialization."}}));
-  addon_ = {};
-  EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE) << "kept loaded after a successful Initialize";
-}
 
 // A host that fails the add-on: a missing service fails Initialize and keeps what was acquired
 // (a reference per query); a missing or bad configuration leaves the heap hooks off. Globals.cpp's
