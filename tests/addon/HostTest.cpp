@@ -1,5 +1,5 @@
 // The add-on as a host drives it, through the module's two exports (on Windows the built
-// Kestrel.dll): the life cycle with the exact records the host's logger receives, the
+// Kestrel.dll): activation, the life cycle with the exact records the host's logger receives, the
 // configuration, the hook requests and the events' bytes. Every test runs
 // in its own process, since the library never resets its process-wide state.
 #include <gtest/gtest.h>
@@ -20,6 +20,34 @@ using test::Service;
 
 const std::wstring kHeapHooksOn = L"{\"flags\":{\"hookHeapAllocator\":true}}";
 class Host : public test::HookedAddon {};
+
+TEST_F(Host, ActivatesOnlyItsClassAndStaysLoadedOnceInitialized) {
+  addon_ = {};
+  CLSID almost = CLSID_KestrelAddon;
+  almost.Data4[7] ^= 1;
+  void* object = nullptr;
+  EXPECT_EQ(module_.DllGetClassObject(almost, com::kIidIClassFactory, &object), CLASS_E_CLASSNOTAVAILABLE);
+  addon_ = CreateAddon();
+  EXPECT_EQ(addon_->QueryInterface(com::kIidIClassFactory, &object), E_NOINTERFACE);
+  // A weak reference resolves to the add-on while it lives, then to nothing.
+  com::Ptr<com::IWeakReferenceSource> source;
+  com::Ptr<com::IWeakReference> weak;
+  com::Ptr<IUnknown> resolved;
+  ASSERT_EQ(addon_->QueryInterface(com::kIidIWeakReferenceSource, reinterpret_cast<void**>(source.Put())), S_OK);
+  ASSERT_EQ(source->GetWeakReference(weak.Put()), S_OK);
+  EXPECT_TRUE(weak->Resolve(_ITarnAddon::kIid, resolved.Put()) == S_OK && resolved.Get() == addon_.Get());
+  resolved = {};
+  source = {};
+  addon_ = {};
+  EXPECT_TRUE(weak->Resolve(_ITarnAddon::kIid, resolved.Put()) == S_OK && resolved.Get() == nullptr);
+  weak = {};
+  EXPECT_EQ(module_.DllCanUnloadNow(), S_OK) << "the weak reference's block was the last live object";
+  addon_ = CreateAddon();
+  EXPECT_EQ(addon_->Initialize(nullptr), E_INVALIDARG);
+  EXPECT_EQ(addon_->Initialize(&host_), S_OK);
+  addon_ = {};
+  EXPECT_EQ(module_.DllCanUnloadNow(), S_FALSE) << "the host's hooks lead into it";
+}
 
 // A host that fails the add-on: a missing service fails Initialize and keeps what was acquired
 // (a reference per query); a missing or bad configuration leaves the heap hooks off. Globals.cpp's

@@ -3,28 +3,20 @@
 // TLS array does not exist yet passes straight through.
 #include <gtest/gtest.h>
 
+#include "KestrelLib/TrapList.auto.h"
 #include "tests/support/HookedAddon.h"
 
 namespace {
 
-using Compress = std::int32_t(std::uint16_t, std::uint8_t*, std::uint32_t, std::uint8_t*, std::uint32_t, std::uint32_t,
-                              std::uint32_t*, void*);
-using Allocate = void*(void*, std::uint32_t, std::size_t);
-
-int TakeCode(DWORD code, DWORD* taken) {
-  *taken = code;
-  return EXCEPTION_EXECUTE_HANDLER;
-}
-
 // The caller's own __try. Answers the call's status, or the code of the exception that reached it.
-DWORD CompressCatching(Compress* compress, std::uint8_t* source) {
+DWORD CompressCatching(tessel::RtlCompressBufferFunction* compress, std::uint8_t* source) {
   static std::uint8_t workspace[1 << 16];
   std::uint8_t compressed[256];
   std::uint32_t finalSize = 0;
   DWORD code = 0;
   __try {
     return static_cast<DWORD>(compress(2, source, 128, compressed, sizeof compressed, 4096, &finalSize, workspace));
-  } __except (TakeCode(GetExceptionCode(), &code)) {
+  } __except (code = GetExceptionCode(), EXCEPTION_EXECUTE_HANDLER) {
     return code;
   }
 }
@@ -33,7 +25,7 @@ class Win32Host : public test::HookedAddon {};
 
 TEST_F(Win32Host, FaultInTheRealFunctionReachesTheCallerAndTheHookReportsAgain) {
   ASSERT_NO_FATAL_FAILURE(Start());  // every slot holds the real function
-  auto* compress = Handler<Compress>(L"RtlCompressBuffer");
+  auto* compress = Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer");
   EXPECT_EQ(CompressCatching(compress, reinterpret_cast<std::uint8_t*>(16)), 0xC0000005u);
   std::uint8_t text[128];
   std::fill(std::begin(text), std::end(text), 'k');
@@ -50,7 +42,7 @@ void* RealAllocateWithoutTls(void*, std::uint32_t, std::size_t size) {
 
 // As early in a thread's start: the TEB's ThreadLocalStoragePointer (gs on x64, x18 on Arm64)
 // is null for the length of the call.
-__attribute__((noinline)) void* CallWithoutTlsArray(Allocate* handler) {
+__attribute__((noinline)) void* CallWithoutTlsArray(tessel::RtlAllocateHeapFunction* handler) {
   char* teb;
 #if defined(__x86_64__)
   __asm__("movq %%gs:0x30, %0" : "=r"(teb));
@@ -68,7 +60,8 @@ __attribute__((noinline)) void* CallWithoutTlsArray(Allocate* handler) {
 TEST_F(Win32Host, ThreadWithoutTlsArrayCallsTheRealFunctionAndTouchesNoThreadLocalData) {
   host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
   ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&RealAllocateWithoutTls)}}));
-  EXPECT_EQ(CallWithoutTlsArray(Handler<Allocate>(L"RtlAllocateHeap")), reinterpret_cast<void*>(24));
+  EXPECT_EQ(CallWithoutTlsArray(Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap")),
+            reinterpret_cast<void*>(24));
   EXPECT_EQ(realCallsWithoutTls, 1);
 }
 

@@ -17,15 +17,14 @@ namespace test {
 
 // A built image with the catalogue's six exports, in its order, and a version resource.
 inline const PeImage& CatalogueImage() {
-  static const PeImage image = PeImageBuilder()
-                                   .Export("RtlCompressBuffer")
-                                   .Export("RtlAllocateHeap")
-                                   .Export("RtlReAllocateHeap")
-                                   .Export("RtlCompactHeap")
-                                   .Export("RtlFreeHeap")
-                                   .Export("CreateToolhelp32Snapshot")
-                                   .VersionResource()
-                                   .Build();
+  static const PeImage image = [] {
+    PeImageBuilder builder;
+    for (const char* name : {"RtlCompressBuffer", "RtlAllocateHeap", "RtlReAllocateHeap", "RtlCompactHeap",
+                             "RtlFreeHeap", "CreateToolhelp32Snapshot"}) {
+      builder.Export(name);
+    }
+    return builder.VersionResource().Build();
+  }();
   return image;
 }
 

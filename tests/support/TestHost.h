@@ -1,7 +1,7 @@
 #pragma once
 // The host side of the boundary for tests: one object that is the service registry and every
 // service it hands out (logger, configuration, event generator, connection point and its
-// container, hook service). Each can be told to fail; the calls it receives are recorded.
+// container, hook service). Each can be told to fail; its subscription calls are recorded.
 #include <map>
 #include <mutex>
 #include <optional>
@@ -43,24 +43,19 @@ enum class Service { Logger, Config, EventGenerator, CpContainer };
 class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger, _ITarnConfig, _ITarnEventGenerator,
                                                  IConnectionPointContainer, IConnectionPoint, _ITarnHookService> {
  public:
-  ~FakeHost() {  // gives back the sink's reference, as a host does when it shuts down
-    if (_ITarnDllEvents* held = std::exchange(sink, nullptr)) {
-      held->Release();
-    }
-  }
+  ~FakeHost() { Unadvise(0); }  // gives back the sink's reference, as a host does when it shuts down
 
   HRESULT STDMETHODCALLTYPE QueryService(REFGUID serviceId, REFIID iid, void** object) override {
     *object = nullptr;
-    const std::tuple<Service, const char*, const GUID&, const GUID&, IUnknown*> services[] = {
-        {Service::Logger, "logger", SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
-        {Service::Config, "config", SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
-        {Service::EventGenerator, "event generator", SID_TarnHostServices, _ITarnEventGenerator::kIid,
+    const std::tuple<Service, const GUID&, const GUID&, IUnknown*> services[] = {
+        {Service::Logger, SID_TarnHostServices, _ITarnLogger::kIid, static_cast<_ITarnLogger*>(this)},
+        {Service::Config, SID_TarnConfig, _ITarnConfig::kIid, static_cast<_ITarnConfig*>(this)},
+        {Service::EventGenerator, SID_TarnHostServices, _ITarnEventGenerator::kIid,
          static_cast<_ITarnEventGenerator*>(this)},
-        {Service::CpContainer, "injected CP container", SID_TarnHostServices, com::kIidIConnectionPointContainer,
+        {Service::CpContainer, SID_TarnHostServices, com::kIidIConnectionPointContainer,
          static_cast<IConnectionPointContainer*>(this)}};
-    for (const auto& [service, name, id, answerIid, answer] : services) {
+    for (const auto& [service, id, answerIid, answer] : services) {
       if (com::GuidEquals(serviceId, id) && com::GuidEquals(iid, answerIid)) {
-        calls.push_back(std::string("QueryService(") + name + ")");
         if (const auto failure = failures.find(service); failure != failures.end()) {
           return failure->second;  // S_OK here: success with nothing handed out
         }
@@ -69,7 +64,6 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
         return S_OK;
       }
     }
-    calls.push_back("QueryService(unknown pairing)");
     return E_NOINTERFACE;
   }
   HRESULT STDMETHODCALLTYPE Log(std::int32_t level, const char* file, std::uint32_t line, const char* text) override {
@@ -82,7 +76,6 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   HRESULT STDMETHODCALLTYPE HostSlot5() override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE HostSlot6() override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE GetModuleConfiguration(BSTR* out) override {
-    calls.push_back("GetModuleConfiguration");
     *out =
         SUCCEEDED(configResult) && json ? SysAllocStringLen(json->data(), static_cast<UINT32>(json->size())) : nullptr;
     return configResult;
@@ -97,9 +90,7 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   }
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override {
-    calls.push_back(com::GuidEquals(iid, _ITarnDllEvents::kIid) ? "FindConnectionPoint(_ITarnDllEvents)"
-                                                                : "FindConnectionPoint(other)");
-    *point = SUCCEEDED(findResult) ? this : nullptr;
+    *point = SUCCEEDED(findResult) && com::GuidEquals(iid, _ITarnDllEvents::kIid) ? this : nullptr;
     if (*point != nullptr) {
       AddRef();
     }

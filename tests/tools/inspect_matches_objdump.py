@@ -36,9 +36,7 @@ def objdump_exports(path):
 
 
 def inspect_exports(command, path):
-    run = subprocess.run(command + ["--json", "exports", str(path)], capture_output=True, text=True)
-    if run.returncode != 0:
-        raise RuntimeError(f"kestrel-inspect failed on {path}: {run.stderr.strip()}")
+    run = subprocess.run(command + ["--json", "exports", str(path)], capture_output=True, text=True, check=True)
     return {e["name"]: ("forward", e["forward"]) if "forward" in e else ("rva", int(e["rva"], 16)) if "rva" in e
             else ("status", e["status"]) for e in json.loads(run.stdout.splitlines()[-1])["exports"]}
 
@@ -47,24 +45,18 @@ def main():
     command = shlex.split(sys.argv[1])
     paths = [pathlib.Path(argument) for argument in sys.argv[2:]]
     files = [found for path in paths for found in (sorted(path.rglob("*.dll")) if path.is_dir() else [path])]
-    compared = names = 0
-    failures = []
+    compared = names = mismatching = 0
     for path in files:
         if (expected := objdump_exports(path)) is None:
             continue
-        try:
-            actual = inspect_exports(command, path)
-        except RuntimeError as error:
-            failures.append(str(error))
-            continue
+        actual = inspect_exports(command, path)
         compared, names = compared + 1, names + len(expected)
         if differing := sorted(n for n in set(actual) | set(expected) if actual.get(n) != expected.get(n)):
-            failures.append(f"{path}: {len(differing)} differ, e.g. " +
-                            ", ".join(f"{n}: {actual.get(n)} vs {expected.get(n)}" for n in differing[:3]))
-    for failure in failures:
-        print("MISMATCH", failure)
-    print(f"{compared} DLLs, {names} exports compared, {len(failures)} mismatching")
-    return 0 if compared > 0 and not failures else 1
+            mismatching += 1
+            print(f"MISMATCH {path}: {len(differing)} differ, e.g. " +
+                  ", ".join(f"{n}: {actual.get(n)} vs {expected.get(n)}" for n in differing[:3]))
+    print(f"{compared} DLLs, {names} exports compared, {mismatching} mismatching")
+    return 0 if compared > 0 and mismatching == 0 else 1
 
 
 if __name__ == "__main__":
