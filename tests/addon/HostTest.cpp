@@ -1,7 +1,7 @@
 // The add-on as a host drives it, through the module's two exports (on Windows the built
 // Kestrel.dll): activation, the life cycle with the exact records the host's logger receives, the
-// configuration, the hook requests and the events' bytes. Every test runs
-// in its own process, since the library never resets its process-wide state.
+// configuration, the hook requests and the events' bytes. Every test runs in its own process,
+// since the library never resets its process-wide state.
 #include <gtest/gtest.h>
 
 #include <optional>
