@@ -82,7 +82,7 @@ TEST_F(HookInfra, SetHookResultsDecideTheStatesAndUnloadsAndReloadsFollowThem) {
   host_.requests.clear();
   host_.hookResults = {{L"RtlCompactHeap", E_FAIL}};
   EXPECT_EQ(Load(ntdll.base(), L"ntdll.dll"), S_OK);
-  EXPECT_EQ(Unload(ntdll.base(), L"ntdll.dll"), S_OK);
+  EXPECT_EQ(host_.sink->OnModuleUnload(ntdll.base(), 1, L"ntdll.dll", L"C:\\Windows\\System32\\ntdll.dll"), S_OK);
   EXPECT_EQ(NewRecords(), R"(4 Not hooking ntdll.dll!RtlCompressBuffer as it's already hooked
 2 Failed to set hook on API ntdll.dll!RtlCompactHeap: Error 0x80004005
 4 Not hooking ntdll.dll!RtlFreeHeap as it's already hooked

@@ -54,13 +54,10 @@ class HookedAddon : public ::testing::Test {
     ASSERT_EQ(Load(SystemModule(L"ntdll.dll"), L"ntdll.dll"), S_OK);
     ASSERT_EQ(Load(SystemModule(L"kernel32.dll"), L"KERNEL32.DLL"), S_OK);
   }
-  // A module load or unload as the host reports it, from System32; by default this host's hook service.
+  // A module load as the host reports it, from System32; by default this host's hook service.
   HRESULT Load(HMODULE base, const wchar_t* name, IUnknown* hooks = nullptr) {
     return host_.sink->OnModuleLoad(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str(), 0,
                                     hooks != nullptr ? hooks : static_cast<_ITarnHookService*>(&host_));
-  }
-  HRESULT Unload(HMODULE base, const wchar_t* name) {
-    return host_.sink->OnModuleUnload(base, 1, name, (L"C:\\Windows\\System32\\" + std::wstring(name)).c_str());
   }
 
   template <typename Function>
