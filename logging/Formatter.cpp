@@ -12,81 +12,94 @@ constexpr std::wstring_view kConversions = L"SXdfpsux";
 
 bool IsDigit(wchar_t c) { return c >= L'0' && c <= L'9'; }
 
-// Restores the stream's flags and fill after one argument, whatever its writer changed.
-class StreamStateGuard {
- public:
-  explicit StreamStateGuard(std::wostream& out) : out_(out), flags_(out.flags()), fill_(out.fill()) {}
-  ~StreamStateGuard() {
-    out_.flags(flags_);
-    out_.fill(fill_);
-    out_.width(0);
-  }
-  StreamStateGuard(const StreamStateGuard&) = delete;
-  StreamStateGuard& operator=(const StreamStateGuard&) = delete;
-
- private:
-  std::wostream& out_;
-  std::ios_base::fmtflags flags_;
-  wchar_t fill_;
-};
-
-void ApplyFillAndWidth(std::wostream& out, const Conversion& conversion) {
-  out.fill(conversion.fill);
-  out.width(conversion.width);
+[[noreturn]] void ThrowNoSpecifier() {
+  throw std::invalid_argument("Format string does not contain a valid format specifier for the argument.");
 }
 
-void WriteHex(std::wostream& out, const Conversion& conversion, std::uint64_t bits) {
-  out.setf(std::ios_base::hex, std::ios_base::basefield);
-  if (conversion.type == L'X') {
-    out.setf(std::ios_base::uppercase);
+// The digits of one integer, built from the right in a buffer of its own.
+class Digits {
+ public:
+  Digits(std::uint64_t magnitude, unsigned base, bool upperCase, bool negative) noexcept {
+    const wchar_t* symbols = upperCase ? L"0123456789ABCDEF" : L"0123456789abcdef";
+    do {
+      buffer_[--start_] = symbols[magnitude % base];
+      magnitude /= base;
+    } while (magnitude != 0);
+    if (negative) {
+      buffer_[--start_] = L'-';
+    }
   }
-  ApplyFillAndWidth(out, conversion);
-  out << bits;
+  std::wstring_view text() const noexcept { return {buffer_ + start_, kSize - start_}; }
+
+ private:
+  static constexpr std::size_t kSize = 24;  // 20 decimal digits of 2^64 - 1, or a sign and 19
+  wchar_t buffer_[kSize];
+  std::size_t start_ = kSize;
+};
+
+Digits Decimal(std::uint64_t bits, bool isSigned) noexcept {
+  const auto value = static_cast<std::int64_t>(bits);
+  const bool negative = isSigned && value < 0;
+  return Digits(negative ? 0 - bits : bits, 10, false, negative);
+}
+
+Digits Hexadecimal(const Conversion& conversion, std::uint64_t bits) noexcept {
+  return Digits(bits, 16, conversion.type == L'X', false);
+}
+
+// Right-aligned in the conversion's width, padded on the left with its fill.
+void AppendPadded(std::wstring& out, const Conversion& conversion, const Digits& digits) {
+  const std::wstring_view text = digits.text();
+  if (conversion.width > text.size()) {
+    out.append(conversion.width - text.size(), conversion.fill);
+  }
+  out += text;
 }
 
 }  // namespace
 
-Conversion FormatCursor::Next(std::wostream& out) {
+Conversion FormatCursor::Next(std::wstring& out) {
   Conversion conversion;
   std::size_t literalStart = position_;
   std::size_t scanFrom = position_;
   for (;;) {
     const std::size_t percent = format_.find(L'%', scanFrom);
     if (percent == std::wstring_view::npos || percent + 1 >= format_.size()) {
-      throw std::invalid_argument("Format string does not contain a valid format specifier for the argument.");
+      ThrowNoSpecifier();
     }
     std::size_t at = percent + 1;
     std::size_t literalEnd = percent;
     if (IsDigit(format_[at])) {
       // Fill and width; the character after the digits is examined in place, not searched for.
-      out << format_.substr(literalStart, percent - literalStart);
+      out += format_.substr(literalStart, percent - literalStart);
       if (format_[at] == L'0') {
         conversion.fill = L'0';
         ++at;
       }
       conversion.width = ReadWidth(at);
       if (at >= format_.size()) {
-        throw std::invalid_argument("Format string does not contain a valid format specifier for the argument.");
+        ThrowNoSpecifier();
       }
       literalStart = literalEnd = at;
     }
     const wchar_t c = format_[at];
     if (kConversions.find(c) != std::wstring_view::npos) {
-      out << format_.substr(literalStart, literalEnd - literalStart);
+      out += format_.substr(literalStart, literalEnd - literalStart);
       conversion.type = c;
       position_ = at + 1;
       return conversion;
     }
     if (c == L'%') {
-      out << format_.substr(literalStart, literalEnd - literalStart) << L'%';
+      out += format_.substr(literalStart, literalEnd - literalStart);
+      out += L'%';
     } else {
-      out << format_.substr(literalStart, at + 1 - literalStart);
+      out += format_.substr(literalStart, at + 1 - literalStart);
     }
     literalStart = scanFrom = at + 1;
   }
 }
 
-void FormatCursor::WriteTail(std::wostream& out) const { out << format_.substr(position_); }
+void FormatCursor::WriteTail(std::wstring& out) const { out += format_.substr(position_); }
 
 // Base-10 digits from `at`, which moves past them. No digits, and a value that does not fit
 // (read as the largest unsigned value), both mean "no width".
@@ -100,61 +113,49 @@ unsigned FormatCursor::ReadWidth(std::size_t& at) const noexcept {
   return value == kMax ? 0 : value;
 }
 
-void WriteInt32(std::wostream& out, const Conversion& conversion, std::uint32_t bits, bool isSigned) {
-  StreamStateGuard guard(out);
+void WriteInt32(std::wstring& out, const Conversion& conversion, std::uint32_t bits, bool isSigned) {
   switch (conversion.type) {
     case L'd':
-      ApplyFillAndWidth(out, conversion);
-      if (isSigned) {
-        out << static_cast<std::int32_t>(bits);
-      } else {
-        out << bits;
-      }
+      AppendPadded(out, conversion,
+                   Decimal(isSigned ? static_cast<std::uint64_t>(static_cast<std::int32_t>(bits)) : bits, isSigned));
       break;
     case L'x':
     case L'X':
-      WriteHex(out, conversion, bits);
+      AppendPadded(out, conversion, Hexadecimal(conversion, bits));
       break;
     default:
       break;
   }
 }
 
-void WriteInteger(std::wostream& out, const Conversion& conversion, std::uint64_t bits, bool isSigned) {
-  StreamStateGuard guard(out);
+void WriteInteger(std::wstring& out, const Conversion& conversion, std::uint64_t bits, bool isSigned) {
   switch (conversion.type) {
     case L'p':
-      out << L"0x";
-      out.setf(std::ios_base::hex, std::ios_base::basefield);
-      out << bits;
+      out += L"0x";
+      out += Digits(bits, 16, false, false).text();
       break;
     case L'x':
     case L'X':
-      WriteHex(out, conversion, bits);
+      AppendPadded(out, conversion, Hexadecimal(conversion, bits));
       break;
     default:
-      ApplyFillAndWidth(out, conversion);
-      if (isSigned) {
-        out << static_cast<std::int64_t>(bits);
-      } else {
-        out << bits;
-      }
+      AppendPadded(out, conversion, Decimal(bits, isSigned));
       break;
   }
 }
 
-void WriteWide(std::wostream& out, const Conversion& conversion, std::wstring_view text) {
+void WriteWide(std::wstring& out, const Conversion& conversion, std::wstring_view text) {
   if (conversion.type == L's') {
-    out << text;
+    out += text;
   }
 }
 
-void WriteNarrow(std::wostream& out, const Conversion& conversion, std::string_view text) {
+void WriteNarrow(std::wstring& out, const Conversion& conversion, std::string_view text) {
   if (conversion.type != L'S') {
     return;
   }
   if (const auto wide = platform::WideFromUtf8(text)) {
-    out << *wide;
+    out += *wide;
   }
 }
 

@@ -1,9 +1,11 @@
 #pragma once
 // The typed printf-style formatter behind LogMessage. Each argument consumes the next
 // conversion of the wide format and is written by the writer for its type; the writers honour
-// fill and width where their table says so and drop conversions they do not know.
+// fill and width where their table says so and drop conversions they do not know. Numbers are
+// written as a wide stream writes them by default (right-aligned, the fill before any sign),
+// without the stream and locale machinery that every process would pay for.
 #include <cstdint>
-#include <ostream>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -16,7 +18,7 @@ struct Conversion {
   unsigned width = 0;
 };
 
-// Walks a format left to right, writing its literal text to the stream as it goes.
+// Walks a format left to right, appending its literal text to the output as it goes.
 class FormatCursor {
  public:
   explicit FormatCursor(std::wstring_view format) noexcept : format_(format) {}
@@ -24,10 +26,10 @@ class FormatCursor {
   // Writes the literal text before the next conversion and returns that conversion.
   // "%%" gives one '%'; a '%' followed by an unknown character is written as it stands.
   // Throws std::invalid_argument when no conversion is left for the argument.
-  Conversion Next(std::wostream& out);
+  Conversion Next(std::wstring& out);
 
   // Writes the rest of the format verbatim ("%%" stays "%%").
-  void WriteTail(std::wostream& out) const;
+  void WriteTail(std::wstring& out) const;
 
  private:
   unsigned ReadWidth(std::size_t& at) const noexcept;
@@ -38,17 +40,17 @@ class FormatCursor {
 
 // 32-bit integers (HRESULTs, counts): 'd' decimal, 'x'/'X' hexadecimal; any other conversion
 // drops the value.
-void WriteInt32(std::wostream& out, const Conversion& conversion, std::uint32_t bits, bool isSigned);
+void WriteInt32(std::wstring& out, const Conversion& conversion, std::uint32_t bits, bool isSigned);
 // Other integers and pointers: 'p' is "0x" and lower-case hex without fill or width, 'x'/'X'
 // hexadecimal, anything else decimal.
-void WriteInteger(std::wostream& out, const Conversion& conversion, std::uint64_t bits, bool isSigned);
+void WriteInteger(std::wstring& out, const Conversion& conversion, std::uint64_t bits, bool isSigned);
 // 's' writes the text; anything else drops it.
-void WriteWide(std::wostream& out, const Conversion& conversion, std::wstring_view text);
+void WriteWide(std::wstring& out, const Conversion& conversion, std::wstring_view text);
 // 'S' writes the UTF-8 text converted to wide; anything else, or a failed conversion, drops it.
-void WriteNarrow(std::wostream& out, const Conversion& conversion, std::string_view text);
+void WriteNarrow(std::wstring& out, const Conversion& conversion, std::string_view text);
 
 template <typename T>
-void WriteArgument(std::wostream& out, const Conversion& conversion, const T& value) {
+void WriteArgument(std::wstring& out, const Conversion& conversion, const T& value) {
   using V = std::decay_t<T>;
   if constexpr (std::is_same_v<V, const wchar_t*> || std::is_same_v<V, wchar_t*>) {
     WriteWide(out, conversion, value == nullptr ? std::wstring_view() : std::wstring_view(value));
@@ -74,7 +76,7 @@ void WriteArgument(std::wostream& out, const Conversion& conversion, const T& va
 }
 
 template <typename T>
-void FormatArgument(std::wostream& out, FormatCursor& cursor, const T& value) {
+void FormatArgument(std::wstring& out, FormatCursor& cursor, const T& value) {
   const Conversion conversion = cursor.Next(out);
   WriteArgument(out, conversion, value);
 }

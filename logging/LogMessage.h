@@ -4,7 +4,6 @@
 // is for the records whose line number hosts key on and so must never move with the code.
 #include <cstddef>
 #include <cstdint>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -23,11 +22,10 @@ void LogMessage(LogLevel level, const char* file, std::size_t fileLength, std::u
   if (!logging::logFunction) {
     return;
   }
-  std::wostringstream stream;
+  std::wstring message;
   logging::FormatCursor cursor(format);
-  (logging::FormatArgument(stream, cursor, args), ...);
-  cursor.WriteTail(stream);
-  const std::wstring message = std::move(stream).str();
+  (logging::FormatArgument(message, cursor, args), ...);
+  cursor.WriteTail(message);
   logging::logFunction(level, std::string_view(file, fileLength), line, message);
 }
 
