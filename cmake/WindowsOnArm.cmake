@@ -18,11 +18,12 @@ set(CMAKE_OBJDUMP ${tools}/llvm-objdump CACHE FILEPATH "")
 # What the image check reads the built DLL with.
 set(KESTREL_LLVM_TOOLS ${tools}/)
 
-set(CMAKE_C_FLAGS_INIT "-fms-extensions")
-set(CMAKE_CXX_FLAGS_INIT "-fms-extensions")
+include(${CMAKE_CURRENT_LIST_DIR}/WindowsDebugInfo.cmake)
+set(CMAKE_C_FLAGS_INIT "-fms-extensions ${KESTREL_DEBUG_INFO_FLAGS}")
+set(CMAKE_CXX_FLAGS_INIT "-fms-extensions ${KESTREL_DEBUG_INFO_FLAGS}")
 # Static runtime: nothing but system DLLs and the UCRT next to Kestrel.dll.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static ${KESTREL_PDB_LINK_FLAGS}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static ${KESTREL_PDB_LINK_FLAGS}")
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

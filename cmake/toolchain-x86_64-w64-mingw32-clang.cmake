@@ -15,12 +15,13 @@ set(CMAKE_C_COMPILER_TARGET ${KESTREL_MINGW_TRIPLE})
 set(CMAKE_CXX_COMPILER_TARGET ${KESTREL_MINGW_TRIPLE})
 set(CMAKE_SYSROOT ${KESTREL_MINGW_SYSROOT})
 
+include(${CMAKE_CURRENT_LIST_DIR}/WindowsDebugInfo.cmake)
 set(CMAKE_CXX_FLAGS_INIT
-    "-nostdinc++ -isystem ${KESTREL_MINGW_GCC_DIR}/include/c++ -isystem ${KESTREL_MINGW_GCC_DIR}/include/c++/${KESTREL_MINGW_TRIPLE} -fms-extensions")
-set(CMAKE_C_FLAGS_INIT "-fms-extensions")
+    "-nostdinc++ -isystem ${KESTREL_MINGW_GCC_DIR}/include/c++ -isystem ${KESTREL_MINGW_GCC_DIR}/include/c++/${KESTREL_MINGW_TRIPLE} -fms-extensions ${KESTREL_DEBUG_INFO_FLAGS}")
+set(CMAKE_C_FLAGS_INIT "-fms-extensions ${KESTREL_DEBUG_INFO_FLAGS}")
 # Static runtime: nothing but system DLLs next to Kestrel.dll. libstdc++'s posix threads need
 # winpthread after it.
-set(KESTREL_LINK_INIT "-fuse-ld=lld -static -Wno-unused-command-line-argument -L${KESTREL_MINGW_GCC_DIR}")
+set(KESTREL_LINK_INIT "-fuse-ld=lld -static -Wno-unused-command-line-argument -L${KESTREL_MINGW_GCC_DIR} ${KESTREL_PDB_LINK_FLAGS}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${KESTREL_LINK_INIT}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${KESTREL_LINK_INIT}")
 set(CMAKE_CXX_STANDARD_LIBRARIES "-Wl,-Bstatic -lstdc++ -lpthread")

@@ -9,9 +9,10 @@
 #   thread-local storage: each view's code reads the TLS index its own TLS directory names (the
 #   one the loader writes when that view is loaded), and its TLS callbacks are its own code.
 #
-# usage: check_image.py LLVM_TOOLS_PREFIX DLL MACHINE
-#   LLVM_TOOLS_PREFIX: the path that llvm-readobj, llvm-objdump and llvm-nm complete;
-#   MACHINE: x64, arm64 or arm64x.
+# usage: check_image.py LLVM_TOOLS_PREFIX DLL MACHINE [LINKER]
+#   LLVM_TOOLS_PREFIX: the path that llvm-readobj and llvm-objdump complete;
+#   MACHINE: x64, arm64 or arm64x;
+#   LINKER: for arm64x, the lld that linked the image, named in the TLS verdict.
 import re
 import struct
 import subprocess
@@ -84,24 +85,26 @@ def tls_index_reads(disassembly, candidates):
     return reads
 
 
-def check_tls(prefix, dll, headers, load_configs):
+def check_tls(prefix, dll, headers, load_configs, linker):
+    # The image ships without a symbol table: the TLS indexes are the ones its directories name.
     base = int(field(headers, "ImageBase"), 16)
     sections = tool(prefix, "llvm-readobj", "--sections", dll)
-    symbols = tool(prefix, "llvm-nm", dll)
-    names = {int(va, 16): name for va, name in re.findall(r"^([0-9a-f]+) \w (\S+)$", symbols, re.M)}
-    indexes = {int(va, 16) for va in re.findall(r"^([0-9a-f]+) \w _tls_index$", symbols, re.M)}
     directories = views(tool(prefix, "llvm-readobj", "--coff-tls-directory", dll))
-    reads = tls_index_reads(tool(prefix, "llvm-objdump", "-d", "--no-show-raw-insn", dll), indexes)
+    indexes = [int(field(directory, "AddressOfIndex"), 16) for directory in directories]
+    if len(set(indexes)) == 1:
+        check(False, f"{linker} gives the two views one TLS directory: Arm64EC code would read a TLS index "
+                     "the loader never writes")
+        return
+    reads = tls_index_reads(tool(prefix, "llvm-objdump", "-d", "--no-show-raw-insn", dll), set(indexes))
     ranges = code_map(load_configs[0])
-    for view, directory, code in zip(["Arm64", "Arm64EC"], directories, ["ARM64", "ARM64EC"]):
-        index = int(field(directory, "AddressOfIndex"), 16)
+    for view, directory, index, code in zip(["Arm64", "Arm64EC"], directories, indexes, ["ARM64", "ARM64EC"]):
         read = {target for va, target in reads.items() if kind_of(va - base, ranges) == code}
         check(read == {index}, f"{view} code reads the TLS index of its own view's TLS directory "
-                               f"({index:#x}): reads {sorted(hex(va) for va in read)}")
+                               f"({index:#x}), not the other's: reads {sorted(hex(va) for va in read)}")
         check(field(directory, "StartAddressOfRawData") == field(directories[0], "StartAddressOfRawData"),
               f"{view}: its TLS template starts where the other view's does, at the .tls section")
         callbacks = tls_callbacks(dll, sections, base, int(field(directory, "AddressOfCallBacks"), 16))
-        described = [f"{names.get(va, '?')} ({kind_of(va - base, ranges)})" for va in callbacks]
+        described = [f"{va - base:#x} ({kind_of(va - base, ranges)})" for va in callbacks]
         check(all(kind_of(va - base, ranges) == code for va in callbacks),
               f"{view}: the loader runs only {view} TLS callbacks: {described}")
 
@@ -129,7 +132,9 @@ def main():
             kinds = {kind for _, _, kind in code_map(load_config)}
             check(int(field(load_config, "CHPEMetadataPointer") or "0", 16) != 0 and {"ARM64", "ARM64EC"} <= kinds,
                   f"{view}: a load config with hybrid metadata, code map {sorted(kinds)}")
-        check_tls(prefix, dll, headers, load_configs)
+        linker = subprocess.run([sys.argv[4], "--version"], capture_output=True, text=True, check=True).stdout.strip()
+        print(f"judging the thread-local storage of an image linked by {linker}")
+        check_tls(prefix, dll, headers, load_configs, linker)
 
     if failures:
         sys.exit(f"{len(failures)} check(s) failed for {dll}")
