@@ -3,6 +3,7 @@
 //   kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... [--fail NAME=HRESULT]...
 //   kestrel-host bench [--iterations N]
 //   kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]
+//   kestrel-host load-cost [--iterations N]
 // Standard output is one JSON object a line: the host's steps with their HRESULTs, and the
 // add-on's events, decoded (a soak prints only its summary, as the last line). The add-on's
 // log records go to standard error.
@@ -19,6 +20,7 @@
 #include "libinfra/com/Ptr.h"
 #include "libinfra/platform/Platform.h"
 #include "tools/kestrel-host/ImportHookService.h"
+#include "tools/kestrel-host/LoadCost.h"
 #include "tools/kestrel-host/LoaderNotifications.h"
 #include "tools/kestrel-host/Output.h"
 #include "tools/kestrel-host/Services.h"
@@ -27,7 +29,7 @@
 
 namespace {
 
-enum class Mode { Run, Bench, Soak };
+enum class Mode { Run, Bench, Soak, LoadCost };
 
 struct Options {
   Mode mode = Mode::Run;
@@ -46,7 +48,8 @@ struct Options {
                "usage: kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... "
                "[--fail NAME=HRESULT]...\n"
                "       kestrel-host bench [--iterations N]\n"
-               "       kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]\n",
+               "       kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]\n"
+               "       kestrel-host load-cost [--iterations N]\n",
                problem);
   std::exit(2);
 }
@@ -57,9 +60,14 @@ Options Parse(int argc, char** argv) {
   Options options;
   std::vector<std::string> args(argv + 1, argv + argc);
   std::size_t i = 0;
-  if (i < args.size() && (args[i] == "run" || args[i] == "bench" || args[i] == "soak")) {
-    options.mode = args[i] == "run" ? Mode::Run : args[i] == "bench" ? Mode::Bench : Mode::Soak;
+  const std::map<std::string, Mode> modes = {
+      {"run", Mode::Run}, {"bench", Mode::Bench}, {"soak", Mode::Soak}, {"load-cost", Mode::LoadCost}};
+  if (i < args.size() && modes.contains(args[i])) {
+    options.mode = modes.at(args[i]);
     ++i;
+  }
+  if (options.mode == Mode::LoadCost) {
+    options.iterations = 100;
   }
   if (options.mode != Mode::Run) {
     options.config = L"{\"flags\":{\"hookHeapAllocator\":true}}";
@@ -108,7 +116,11 @@ int main(int argc, char** argv) {
 
   // Kestrel.dll beside the host, or the file KESTREL_DLL names (an ARM64X image built elsewhere).
   const wchar_t* addonPath = _wgetenv(L"KESTREL_DLL");
-  HMODULE addonModule = LoadLibraryW(addonPath != nullptr && *addonPath != L'\0' ? addonPath : L"Kestrel.dll");
+  const std::wstring modulePath = addonPath != nullptr && *addonPath != L'\0' ? addonPath : L"Kestrel.dll";
+  if (options.mode == Mode::LoadCost) {
+    return host::RunLoadCost(modulePath, options.iterations);
+  }
+  HMODULE addonModule = LoadLibraryW(modulePath.c_str());
   out.Step("LoadLibrary", addonModule != nullptr ? S_OK : HRESULT_FROM_WIN32(GetLastError()));
   if (addonModule == nullptr) {
     return 1;
@@ -162,6 +174,8 @@ int main(int argc, char** argv) {
       break;
     case Mode::Run:
       host::RunWorkload("running");
+      break;
+    case Mode::LoadCost:  // measured above, before this load
       break;
   }
   out.Step("Stop", addon->Stop());

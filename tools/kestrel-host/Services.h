@@ -90,13 +90,13 @@ class ModuleEventsContainer final : public com::UnownedObject<IConnectionPointCo
 
 class ServiceProvider final : public com::UnownedObject<IServiceProvider> {
  public:
-  ServiceProvider(StderrLogger& logger, FileConfig& config, PrintingEventGenerator& events,
+  ServiceProvider(_ITarnLogger& logger, FileConfig& config, PrintingEventGenerator& events,
                   ModuleEventsContainer& container)
       : logger_(logger), config_(config), events_(events), container_(container) {}
   HRESULT STDMETHODCALLTYPE QueryService(REFGUID service, REFIID iid, void** object) override;
 
  private:
-  StderrLogger& logger_;
+  _ITarnLogger& logger_;
   FileConfig& config_;
   PrintingEventGenerator& events_;
   ModuleEventsContainer& container_;
