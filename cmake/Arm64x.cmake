@@ -18,8 +18,8 @@ function(kestrel_link_arm64x target native_build def_file)
   endforeach()
   set(system ntdll oleaut32 ole32 uuid version advapi32 shell32 user32 kernel32)
   list(TRANSFORM system REPLACE "(.+)" "${crt}/lib\\1.a")
-  # lld 22 would give both views the native view's TLS directory (see scripts/arm64-toolchain).
-  target_link_options(${target} PRIVATE -marm64x --ld-path=/usr/lib/llvm-24/bin/ld.lld
+  # The lld the toolchain chose because it gives each view its own TLS directory.
+  target_link_options(${target} PRIVATE -marm64x --ld-path=/opt/mingw/bin/arm64x-ld.lld
                       "LINKER:--Xlink=-defarm64native:${def_file}"
                       ${crt}/dllcrt2.o ${crt}/crtbegin.o "LINKER:--whole-archive" ${addon} "LINKER:--no-whole-archive"
                       ${archives} ${crt}/libc++.a ${crt}/libmingw32.a ${builtins} ${crt}/libunwind.a
