@@ -15,8 +15,11 @@ def tool(prefix, name, *args):
 
 
 def guid(raw):
-    # The record's 16 bytes in the registry format: three little-endian fields, then eight bytes.
-    b = bytes(int(x, 16) for x in raw.split())
+    # In the registry format. Older llvm-readobj prints the record's 16 bytes instead: three
+    # little-endian fields, then eight bytes.
+    if raw.startswith("{"):
+        return raw
+    b = bytes(int(x, 16) for x in raw.strip("()").split())
     return "{%s-%s-%s-%s-%s}" % (b[3::-1].hex(), b[5:3:-1].hex(), b[7:5:-1].hex(), b[8:10].hex(), b[10:].hex())
 
 
@@ -24,11 +27,12 @@ def check_image(prefix, image):
     failures = []
     dwarf = re.findall(r"^\s*\d+ (\.debug_\w+)", tool(prefix, "llvm-objdump", "-h", image), re.M)
     failures += [f"DWARF sections {dwarf}"] if dwarf else []
-    entries = re.findall(r"PDBGUID: \(([0-9A-F ]+)\)\s*PDBAge: (\d+)\s*PDBFileName: (\S+)",
-                         tool(prefix, "llvm-readobj", "--coff-debug-directory", image))
-    if len({entry for entry in entries}) != 1:
-        return failures + [f"one CodeView record expected, found {entries}"]
-    raw, age, name = entries[0]
+    # An ARM64X image has a record in each view; both must name the one PDB.
+    entries = set(re.findall(r"PDBGUID: (\{[0-9A-F-]+\}|\([0-9A-F ]+\))\s*PDBAge: (\d+)\s*PDBFileName: (\S+)",
+                             tool(prefix, "llvm-readobj", "--coff-debug-directory", image)))
+    if len(entries) != 1:
+        return failures + [f"one CodeView record expected, found {sorted(entries)}"]
+    raw, age, name = entries.pop()
     pdb = os.path.join(os.path.dirname(image), name)
     if name != os.path.basename(name) or not os.path.exists(pdb):
         return failures + [f"the record names {name}, not a PDB beside the image"]
