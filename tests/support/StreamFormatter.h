@@ -1,15 +1,14 @@
 #pragma once
 // The log formatter as a wide stream writes it: the reference the shipped formatter must match
-// byte for byte, or refuse alike. Test-only; it mirrors the rules with the stream's own fill,
-// width and base flags, one overload per argument type the library logs.
+// byte for byte, or refuse alike. Test-only: the stream's own fill, width and base flags, set for
+// one argument and restored after it, with a writer per argument type the library logs.
 #include <algorithm>
 #include <cstdint>
-#include <cwctype>
-#include <ios>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "libinfra/platform/Platform.h"
 
@@ -19,24 +18,35 @@ class StreamFormatter {
  public:
   explicit StreamFormatter(std::wstring_view format) : format_(format) {}
 
-  void Write(std::int32_t value) { WriteInt32(Next(), static_cast<std::uint32_t>(value), value); }
-  void Write(std::uint32_t value) { WriteInt32(Next(), value, value); }
-  void Write(std::uint16_t value) { WriteOther(Next(), value, value); }
-  void Write(std::int64_t value) { WriteOther(Next(), static_cast<std::uint64_t>(value), value); }
-  void Write(std::uint64_t value) { WriteOther(Next(), value, value); }
-  void Write(const void* value) {
-    const auto bits = reinterpret_cast<std::uintptr_t>(value);
-    WriteOther(Next(), bits, bits);
-  }
-  void Write(const wchar_t* text) {
-    if (Next().type == L's') {
-      out_ << text;
+  template <typename T>
+  void Write(T value) {
+    const wchar_t type = Next();
+    if constexpr (std::is_same_v<T, const wchar_t*>) {
+      out_ << (type == L's' ? value : L"");
+    } else if constexpr (std::is_same_v<T, const char*>) {
+      out_ << (type == L'S' ? platform::WideFromUtf8(value).value_or(L"") : L"");
+    } else if constexpr (std::is_same_v<T, std::int32_t> || std::is_same_v<T, std::uint32_t>) {
+      if (type == L'd' || type == L'x' || type == L'X') {
+        Put(type, type == L'd' ? std::ios_base::dec : std::ios_base::hex, value, static_cast<std::uint32_t>(value));
+      }
+    } else {
+      // Other integers and pointers: a pointer is its address, a signed value keeps its sign.
+      std::uint64_t bits;
+      if constexpr (std::is_pointer_v<T>) {
+        bits = reinterpret_cast<std::uintptr_t>(value);
+      } else {
+        bits = static_cast<std::uint64_t>(value);
+      }
+      if (type == L'p') {
+        out_ << L"0x" << std::hex << bits << std::dec;
+      } else if constexpr (std::is_signed_v<T>) {
+        Put(type, type == L'x' || type == L'X' ? std::ios_base::hex : std::ios_base::dec, std::int64_t(value), bits);
+      } else {
+        Put(type, type == L'x' || type == L'X' ? std::ios_base::hex : std::ios_base::dec, bits, bits);
+      }
     }
-  }
-  void Write(const char* text) {
-    if (Next().type == L'S') {
-      out_ << platform::WideFromUtf8(text).value_or(L"");
-    }
+    out_.fill(L' ');
+    out_.width(0);
   }
 
   // The text with the rest of the format, verbatim.
@@ -46,14 +56,28 @@ class StreamFormatter {
   }
 
  private:
-  struct Conversion {
-    wchar_t type;
-    wchar_t fill = L' ';
-    unsigned width = 0;
-  };
+  // Decimal takes the value with its sign; hexadecimal its bits.
+  template <typename V, typename Bits>
+  void Put(wchar_t type, std::ios_base::fmtflags base, V value, Bits bits) {
+    const auto flags = out_.flags();
+    out_.setf(base, std::ios_base::basefield);
+    if (type == L'X') {
+      out_.setf(std::ios_base::uppercase);
+    }
+    out_.fill(fill_);
+    out_.width(width_);
+    if (base == std::ios_base::hex) {
+      out_ << bits;
+    } else {
+      out_ << value;
+    }
+    out_.flags(flags);
+  }
 
-  Conversion Next() {
-    Conversion conversion{L'\0'};
+  // Writes the literal text up to the argument's conversion and returns its character.
+  wchar_t Next() {
+    fill_ = L' ';
+    width_ = 0;
     std::size_t literal = position_;
     for (std::size_t from = position_;;) {
       const std::size_t percent = format_.find(L'%', from);
@@ -62,17 +86,17 @@ class StreamFormatter {
       }
       std::size_t at = percent + 1;
       std::size_t literalEnd = percent;
-      if (std::iswdigit(format_[at])) {
+      if (format_[at] >= L'0' && format_[at] <= L'9') {
         out_ << format_.substr(literal, percent - literal);
         if (format_[at] == L'0') {
-          conversion.fill = L'0';
+          fill_ = L'0';
           ++at;
         }
         unsigned long long width = 0;
-        for (; at < format_.size() && std::iswdigit(format_[at]); ++at) {
+        for (; at < format_.size() && format_[at] >= L'0' && format_[at] <= L'9'; ++at) {
           width = std::min<unsigned long long>(width * 10 + (format_[at] - L'0'), ~0u);
         }
-        conversion.width = width == ~0u ? 0 : static_cast<unsigned>(width);
+        width_ = width == ~0u ? 0 : static_cast<std::streamsize>(width);
         if (at == format_.size()) {
           throw std::invalid_argument("Format string does not contain a valid format specifier for the argument.");
         }
@@ -80,58 +104,19 @@ class StreamFormatter {
       }
       if (std::wstring_view(L"SXdfpsux").find(format_[at]) != std::wstring_view::npos) {
         out_ << format_.substr(literal, literalEnd - literal);
-        conversion.type = format_[at];
         position_ = at + 1;
-        return conversion;
+        return format_[at];
       }
-      out_ << (format_[at] == L'%' ? std::wstring(format_.substr(literal, literalEnd - literal)) + L'%'
-                                   : std::wstring(format_.substr(literal, at + 1 - literal)));
+      const std::size_t through = format_[at] == L'%' ? literalEnd : at + 1;
+      out_ << format_.substr(literal, through - literal) << (format_[at] == L'%' ? L"%" : L"");
       literal = from = at + 1;
-    }
-  }
-
-  // Fill, width and base for one argument; the stream's state is restored after it.
-  template <typename T>
-  void Put(const Conversion& conversion, std::ios_base::fmtflags base, T value, bool padded = true) {
-    const auto flags = out_.flags();
-    const auto fill = out_.fill();
-    out_.setf(base, std::ios_base::basefield);
-    if (conversion.type == L'X') {
-      out_.setf(std::ios_base::uppercase);
-    }
-    if (padded) {
-      out_.fill(conversion.fill);
-      out_.width(conversion.width);
-    }
-    out_ << value;
-    out_.flags(flags);
-    out_.fill(fill);
-    out_.width(0);
-  }
-
-  template <typename Signed>
-  void WriteInt32(const Conversion& conversion, std::uint32_t bits, Signed value) {
-    if (conversion.type == L'd') {
-      Put(conversion, std::ios_base::dec, value);
-    } else if (conversion.type == L'x' || conversion.type == L'X') {
-      Put(conversion, std::ios_base::hex, bits);
-    }
-  }
-
-  template <typename Signed>
-  void WriteOther(const Conversion& conversion, std::uint64_t bits, Signed value) {
-    if (conversion.type == L'p') {
-      out_ << L"0x";
-      Put(conversion, std::ios_base::hex, bits, false);
-    } else if (conversion.type == L'x' || conversion.type == L'X') {
-      Put(conversion, std::ios_base::hex, bits);
-    } else {
-      Put(conversion, std::ios_base::dec, value);
     }
   }
 
   std::wstring_view format_;
   std::size_t position_ = 0;
+  wchar_t fill_ = L' ';
+  std::streamsize width_ = 0;
   std::wostringstream out_;
 };
 
