@@ -1,11 +1,12 @@
 # Windows on Arm with clang 22, the mingw-w64 UCRT runtime, libc++ and libunwind, linked
 # statically by lld: the toolchain scripts/arm64-toolchain builds from Debian's sources. Every
 # tool runs inside that toolchain's root through the links in cmake/arm64/. Included by the
-# toolchain file of each triple, which sets KESTREL_MINGW_TRIPLE first.
+# toolchain file of each triple, which sets KESTREL_MINGW_TRIPLE first, and the set-up script of
+# the Wine its programs run under (KESTREL_WINE_SETUP).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR ARM64)
 # Carried into CMake's compiler checks, which run this file again in their own projects.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_MINGW_TRIPLE)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_MINGW_TRIPLE KESTREL_WINE_SETUP)
 
 set(tools ${CMAKE_CURRENT_LIST_DIR}/arm64)
 set(CMAKE_C_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-clang)

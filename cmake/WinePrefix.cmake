@@ -1,11 +1,12 @@
 # The Wine prefix lives in the build tree and is made here, once, at configure time: making it
 # lazily inside the first test discovery takes longer than discovery may. Windows x64 programs
-# run under this machine's Wine; Arm64 ones under Wine arm64 in its own Debian root
-# (scripts/arm64-wine) through qemu, with a copy of that root's booted prefix.
+# run under this machine's Wine; Arm64 and Arm64EC ones under Wine arm64 in its own root
+# (scripts/arm64-wine, or scripts/arm64ec-wine for Arm64EC) through qemu, with a copy of that
+# root's booted prefix.
 set(KESTREL_WINEPREFIX ${CMAKE_BINARY_DIR}/wineprefix)
 set(KESTREL_WINE_RUN ${CMAKE_BINARY_DIR}/wine-run)
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "ARM64")
-  execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/arm64-wine --root OUTPUT_VARIABLE KESTREL_WINE_ROOT
+  execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/${KESTREL_WINE_SETUP} --root OUTPUT_VARIABLE KESTREL_WINE_ROOT
                   OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
   set(KESTREL_WINE_DLLS ${KESTREL_WINE_ROOT}/usr/lib/aarch64-linux-gnu/wine/aarch64-windows)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/wine-run-arm64.in ${KESTREL_WINE_RUN} @ONLY

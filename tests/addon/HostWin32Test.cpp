@@ -1,7 +1,12 @@
-// What only a Windows host sees, through the built Kestrel.dll: a structured exception raised by
-// the real function reaches its caller unchanged and leaves the hook's guard, and a thread whose
-// TLS array does not exist yet passes straight through.
+// What only a Windows host sees, through the built Kestrel.dll: which view of the image this
+// process runs, a structured exception raised by the real function reaches its caller unchanged
+// and leaves the hook's guard, and a thread whose TLS array does not exist yet passes straight
+// through.
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
 
 #include "KestrelLib/TrapList.auto.h"
 #include "tests/support/HookedAddon.h"
@@ -23,14 +28,47 @@ DWORD CompressCatching(tessel::RtlCompressBufferFunction* compress, std::uint8_t
 
 class Win32Host : public test::HookedAddon {};
 
-TEST_F(Win32Host, FaultInTheRealFunctionReachesTheCallerAndTheHookReportsAgain) {
-  ASSERT_NO_FATAL_FAILURE(Start());  // every slot holds the real function
-  auto* compress = Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer");
+// An Arm64EC process maps the Arm64EC view of the ARM64X image: its exports are x64 fast-forward
+// sequences (mov rax,rsp; mov [rax+20h],rbx; push rbp; pop rbp; jmp rel32) into Arm64EC code, as
+// the platform's own RtlIsEcCode tells. Every other process calls the export's own code.
+TEST(LoadedView, IsTheViewOfThisProcessArchitecture) {
+  const auto* entry = reinterpret_cast<const std::uint8_t*>(test::AddonModule::Load().DllGetClassObject);
+  ASSERT_NE(entry, nullptr);
+  constexpr std::uint8_t kFastForward[] = {0x48, 0x8B, 0xC4, 0x48, 0x89, 0x58, 0x20, 0x55, 0x5D, 0xE9};
+  const bool fastForward = std::equal(std::begin(kFastForward), std::end(kFastForward), entry);
+#if defined(__arm64ec__)
+  ASSERT_TRUE(fastForward) << "the export is not the Arm64EC view's x64 entry";
+  std::int32_t offset;
+  std::memcpy(&offset, entry + sizeof kFastForward, sizeof offset);
+  const auto target = reinterpret_cast<std::uintptr_t>(entry + sizeof kFastForward + sizeof offset) + offset;
+  EXPECT_TRUE(RtlIsEcCode(target)) << "its jump lands in Arm64EC code";
+  EXPECT_FALSE(RtlIsEcCode(reinterpret_cast<std::uintptr_t>(entry)));
+#else
+  EXPECT_FALSE(fastForward);
+#endif
+}
+
+// A snapshot function that throws a C++ exception of this program's runtime, not the module's.
+bool snapshotThrows = true;
+void* ThrowingSnapshot(std::uint32_t, std::uint32_t) {
+  if (snapshotThrows) {
+    throw std::runtime_error("the host's own exception");
+  }
+  return reinterpret_cast<void*>(0x7B);
+}
+
+TEST_F(Win32Host, FaultOrForeignExceptionInTheRealFunctionReachesTheCallerAndTheHookReportsAgain) {
+  ASSERT_NO_FATAL_FAILURE(Start({{L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&ThrowingSnapshot)}}));
+  auto* compress = Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer");  // the real one
   EXPECT_EQ(CompressCatching(compress, reinterpret_cast<std::uint8_t*>(16)), 0xC0000005u);
   std::uint8_t text[128];
   std::fill(std::begin(text), std::end(text), 'k');
   EXPECT_EQ(CompressCatching(compress, text), 0u);
-  EXPECT_EQ(host_.Events().size(), 1u) << "the guard was left when the fault unwound it";
+  auto* snapshot = Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot");
+  EXPECT_THROW(snapshot(2, 0), std::runtime_error);
+  snapshotThrows = false;
+  snapshot(2, 0);
+  EXPECT_EQ(host_.Events().size(), 2u) << "the guard was left each time an unwind passed through it";
 }
 
 // Touches nothing thread-local: it runs while the TLS array is gone.
@@ -44,7 +82,7 @@ void* RealAllocateWithoutTls(void*, std::uint32_t, std::size_t size) {
 // is null for the length of the call.
 __attribute__((noinline)) void* CallWithoutTlsArray(tessel::RtlAllocateHeapFunction* handler) {
   char* teb;
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(__arm64ec__)  // Arm64EC code is Arm64 code, with x64's macros
   __asm__("movq %%gs:0x30, %0" : "=r"(teb));
 #else
   __asm__("mov %0, x18" : "=r"(teb));

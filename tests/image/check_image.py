@@ -12,16 +12,17 @@
 #
 # usage: check_image.py LLVM_TOOLS_PREFIX DLL MACHINE [LINKER]
 #   LLVM_TOOLS_PREFIX: the path that llvm-readobj and llvm-objdump complete;
-#   MACHINE: x64, arm64 or arm64x;
+#   MACHINE: x64, arm64, arm64ec or arm64x;
 #   LINKER: for arm64x, the lld that linked the image, named in the TLS verdict.
 import re
 import struct
 import subprocess
 import sys
 
-FORMATS = {"x64": ["COFF-x86-64"], "arm64": ["COFF-ARM64"], "arm64x": ["COFF-ARM64X", "COFF-ARM64EC"]}
+FORMATS = {"x64": ["COFF-x86-64"], "arm64": ["COFF-ARM64"], "arm64ec": ["COFF-ARM64EC"],
+           "arm64x": ["COFF-ARM64X", "COFF-ARM64EC"]}
 EXPORTS = ["DllCanUnloadNow", "DllGetClassObject"]
-CODE_BUDGET_KIB = {"x64": 256, "arm64": 320, "arm64x": 320}
+CODE_BUDGET_KIB = {"x64": 256, "arm64": 320, "arm64ec": 320, "arm64x": 320}
 SYSTEM_DLLS = {"kernel32.dll", "ntdll.dll", "oleaut32.dll", "ole32.dll", "version.dll", "msvcrt.dll"}
 failures = []
 
