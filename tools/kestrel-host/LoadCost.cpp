@@ -26,9 +26,10 @@ double Microseconds(LARGE_INTEGER from, LARGE_INTEGER to) {
 // One load of the module: activation and Initialize timed, then Stop, release and unload.
 bool TimeActivation(const std::wstring& modulePath, double& best) {
   HMODULE module = LoadLibraryW(modulePath.c_str());
-  auto getClassObject = module == nullptr ? nullptr
-                                          : reinterpret_cast<GetClassObject>(reinterpret_cast<void*>(
-                                                GetProcAddress(module, "DllGetClassObject")));
+  auto getClassObject =
+      module == nullptr
+          ? nullptr
+          : reinterpret_cast<GetClassObject>(reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject")));
   if (getClassObject == nullptr) {
     return false;
   }
