@@ -5,7 +5,6 @@
 # - exactly DllCanUnloadNow and DllGetClassObject exported, by name and by count;
 # - imports of system DLLs and the UCRT only;
 # - a VERSIONINFO resource;
-# - code within its budget: what every monitored process maps, per view;
 # - for ARM64X, the hybrid metadata (a load config with a code map in both views), and the
 #   thread-local storage: each view's code reads the TLS index its own TLS directory names (the
 #   one the loader writes when that view is loaded), and its TLS callbacks are its own code.
@@ -22,7 +21,6 @@ import sys
 FORMATS = {"x64": ["COFF-x86-64"], "arm64": ["COFF-ARM64"], "arm64ec": ["COFF-ARM64EC"],
            "arm64x": ["COFF-ARM64X", "COFF-ARM64EC"]}
 EXPORTS = ["DllCanUnloadNow", "DllGetClassObject"]
-CODE_BUDGET_KIB = {"x64": 256, "arm64": 320, "arm64ec": 320, "arm64x": 320}
 SYSTEM_DLLS = {"kernel32.dll", "ntdll.dll", "oleaut32.dll", "ole32.dll", "version.dll", "msvcrt.dll"}
 failures = []
 
@@ -112,22 +110,6 @@ def check_tls(prefix, dll, headers, load_configs, linker):
               f"{view}: the loader runs only {view} TLS callbacks: {described}")
 
 
-def check_code_size(prefix, dll, machine, load_configs):
-    # What every process maps: the executable sections, or for ARM64X each view's code by its
-    # code map (the Arm64EC view's with its x64 export thunks).
-    if machine == "arm64x":
-        sizes = {"Arm64": 0, "Arm64EC": 0}
-        for start, end, kind in code_map(load_configs[0]):
-            sizes["Arm64" if kind == "ARM64" else "Arm64EC"] += end - start
-    else:
-        sections = tool(prefix, "llvm-readobj", "--sections", dll).split("Section {")[1:]
-        sizes = {machine: sum(int(field(section, "VirtualSize"), 16) for section in sections
-                              if "IMAGE_SCN_MEM_EXECUTE" in section)}
-    for view, size in sizes.items():
-        budget = CODE_BUDGET_KIB[machine]
-        check(size <= budget * 1024, f"{view} code {size / 1024:.1f} KiB, within {budget} KiB")
-
-
 def main():
     prefix, dll, machine = sys.argv[1:4]
     headers = tool(prefix, "llvm-readobj", "--file-headers", dll)
@@ -145,9 +127,8 @@ def main():
 
     check("Type: VERSIONINFO" in tool(prefix, "llvm-readobj", "--coff-resources", dll), "a VERSIONINFO resource")
 
-    load_configs = views(tool(prefix, "llvm-readobj", "--coff-load-config", dll))
-    check_code_size(prefix, dll, machine, load_configs)
     if machine == "arm64x":
+        load_configs = views(tool(prefix, "llvm-readobj", "--coff-load-config", dll))
         for view, load_config in zip(["Arm64", "Arm64EC"], load_configs):
             kinds = {kind for _, _, kind in code_map(load_config)}
             check(int(field(load_config, "CHPEMetadataPointer") or "0", 16) != 0 and {"ARM64", "ARM64EC"} <= kinds,

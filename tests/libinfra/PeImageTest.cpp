@@ -107,7 +107,7 @@ TEST(ExportResolver, FindsByExactNameOrGivesTheStatusOfTheFirstBrokenField) {
       << "a forwarder without a place for its string";
 }
 
-TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenTheBlockHoldsOne) {
+TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenThereIsABlockThatHoldsOne) {
   struct Row {
     test::VersionBlockSpec spec;
     std::optional<std::uint16_t> build;
@@ -126,6 +126,13 @@ TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenTheBlockHolds
   };
   test::FakeHost host;
   host.TakeTheLog();
+  // No resource directory, and a version resource without a language: the first and the last
+  // "no such resource" codes, which are not logged.
+  PeImage noLanguage = PeImageBuilder().VersionResource().Build();
+  noLanguage.Write<std::uint16_t>(noLanguage.resourceDataEntry - 10, 0);  // the language level's id count
+  for (const HMODULE absent : {sample.base(), noLanguage.base()}) {
+    EXPECT_EQ(pe::ReadModuleBuildNumber(absent), std::nullopt);
+  }
   for (const Row& row : rows) {
     const std::size_t before = host.Records().size();
     EXPECT_EQ(
@@ -137,26 +144,6 @@ TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenTheBlockHolds
     EXPECT_TRUE(record.level == 3 && record.file == "VersionResource.cpp" &&
                 record.text == "An attempt to read more than the version block size.");
   }
-}
-
-TEST(VersionResource, AbsentIsSilentAnEmptyResourceIsLoggedAndTheBlockIsTheWholeResource) {
-  test::FakeHost host;
-  host.TakeTheLog();
-  // No resource directory, and a version resource without a language: the first and the last
-  // "no such resource" codes.
-  PeImage noLanguage = PeImageBuilder().VersionResource().Build();
-  noLanguage.Write<std::uint16_t>(noLanguage.resourceDataEntry - 10, 0);  // the language level's id count
-  for (const HMODULE absent : {sample.base(), noLanguage.base()}) {
-    EXPECT_EQ(pe::ReadModuleBuildNumber(absent), std::nullopt);
-  }
-  const std::vector<std::uint8_t> bytes = test::BuildVersionBlock({.trailingBytes = 12});
-  PeImage image = PeImageBuilder().VersionResource(bytes).Build();
-  EXPECT_EQ(pe::GetVersionResourceBlock(image.base()), bytes);
-  image.Write<std::uint32_t>(image.resourceDataEntry + 4, 0);  // a resource of no bytes
-  SetLastError(5);
-  EXPECT_EQ(pe::ReadModuleBuildNumber(image.base()), std::nullopt);
-  ASSERT_EQ(host.Records().size(), 1u);
-  EXPECT_EQ(host.Records()[0].text, "Unexpected error 0x5 obtaining version resource block");
 }
 
 }  // namespace

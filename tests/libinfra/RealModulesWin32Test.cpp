@@ -35,12 +35,6 @@ TEST_P(SystemModule, EveryExportResolvesAsGetProcAddressSaysAndTheBuildNumberMat
   pe::ExportDirectoryView view{};
   ASSERT_EQ(pe::BuildExportDirectoryView(module, view), nt::kSuccess);
   ASSERT_GT(view.numberOfNames, 100u);
-  const auto* image = reinterpret_cast<const BYTE*>(module);
-  const auto inside = [&](const void* address) {
-    const auto* headers =
-        reinterpret_cast<const IMAGE_NT_HEADERS*>(image + reinterpret_cast<const IMAGE_DOS_HEADER*>(module)->e_lfanew);
-    return address >= image && address < image + headers->OptionalHeader.SizeOfImage;
-  };
   for (std::uint32_t i = 0; i < view.numberOfNames; ++i) {
     const auto* name = reinterpret_cast<const char*>(view.base + pe::ReadAt<std::uint32_t>(view.nameTable + i * 4));
     const void* address = nullptr;
@@ -51,7 +45,6 @@ TEST_P(SystemModule, EveryExportResolvesAsGetProcAddressSaysAndTheBuildNumberMat
       EXPECT_EQ(address, expected) << name;
     } else {  // the loader resolves a forwarder into another module
       EXPECT_TRUE(address == nullptr && std::string(forward).find('.') != std::string::npos) << name;
-      EXPECT_TRUE(expected == nullptr || !inside(expected)) << name << " is forwarded to " << forward;
       EXPECT_EQ(pe::FindExport(module, name, &address, nullptr), nt::kNotSupported) << name;
     }
   }
@@ -62,9 +55,5 @@ TEST_P(SystemModule, EveryExportResolvesAsGetProcAddressSaysAndTheBuildNumberMat
 
 INSTANTIATE_TEST_SUITE_P(Loaded, SystemModule, ::testing::Values(L"ntdll.dll", L"kernel32.dll", L"kernelbase.dll"),
                          [](const auto& info) { return std::to_string(info.index); });
-
-TEST(SystemModules, NtdllCarriesABuildNumber) {
-  EXPECT_TRUE(pe::ReadModuleBuildNumber(GetModuleHandleW(L"ntdll.dll")).has_value());
-}
 
 }  // namespace

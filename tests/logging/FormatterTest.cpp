@@ -16,16 +16,6 @@ namespace {
 
 test::FakeHost host;
 
-TEST(LogMessage, RecordCarriesLevelSourceBaseNameAndLineOrAFixedLine) {
-  host.TakeTheLog();
-  const unsigned line = __LINE__ + 1;
-  KESTREL_LOG(Warning, L"count = %d", std::int32_t{3});
-  KESTREL_LOG_AT_LINE(36, Verbose, L"fixed");
-  EXPECT_EQ(host.Records(), (std::vector<test::LogRecord>{{3, "FormatterTest.cpp", line, "count = 3"},
-                                                          {5, "FormatterTest.cpp", 36, "fixed"}}));
-  EXPECT_EQ(tessel::logging::win32ErrorText, L"Win32 Error");
-}
-
 // The text LogMessage hands to the log function, or the text of its refusal.
 template <typename... Args>
 std::wstring Format(const wchar_t* format, const Args&... args) {

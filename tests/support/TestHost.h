@@ -1,11 +1,11 @@
 #pragma once
 // The host side of the boundary for tests: one object that is the service registry and every
 // service it hands out (logger, configuration, event generator, connection point and its
-// container, hook service). Each can be told to fail; its subscription calls are recorded.
+// container, hook service). Its queries, configuration, events and hook requests can be told to
+// fail.
 #include <map>
 #include <mutex>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -25,9 +25,6 @@ struct LogRecord {
   std::uint32_t line;
   std::string text;
   bool operator==(const LogRecord&) const = default;
-  friend std::ostream& operator<<(std::ostream& out, const LogRecord& r) {
-    return out << "{" << r.level << ", " << r.file << ":" << r.line << ", \"" << r.text << "\"}";
-  }
 };
 
 struct HookRequest {
@@ -80,32 +77,30 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
         SUCCEEDED(configResult) && json ? SysAllocStringLen(json->data(), static_cast<UINT32>(json->size())) : nullptr;
     return configResult;
   }
-  // Records the event, then answers `sendResult`, or 0x80070008 (dropped) for every `loseEvery`-th.
-  // Like a real host's, it changes the last-error value, which the caller must not see.
+  // Records the event and answers `sendResult`. Like a real host's, it changes the last-error
+  // value, which the caller must not see.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override {
     std::lock_guard lock(mutex_);
     SetLastError(0xE7);
     events_.emplace_back(data, data + size);
-    return loseEvery != 0 && events_.size() % loseEvery == 0 ? static_cast<HRESULT>(0x80070008) : sendResult.load();
+    return sendResult;
   }
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override {
-    *point = SUCCEEDED(findResult) && com::GuidEquals(iid, _ITarnDllEvents::kIid) ? this : nullptr;
-    if (*point != nullptr) {
-      AddRef();
+    *point = com::GuidEquals(iid, _ITarnDllEvents::kIid) ? this : nullptr;
+    if (*point == nullptr) {
+      return E_NOINTERFACE;
     }
-    return findResult;
+    AddRef();
+    return S_OK;
   }
   HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID*) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override { return E_FAIL; }
   HRESULT STDMETHODCALLTYPE Advise(IUnknown* newSink, DWORD* cookie) override {
-    calls.push_back("Advise");
-    *cookie = 42;  // also when failing: the add-on must not take that for a subscription
-    return SUCCEEDED(adviseResult) ? newSink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&sink))
-                                   : adviseResult;
+    *cookie = 42;
+    return newSink->QueryInterface(_ITarnDllEvents::kIid, reinterpret_cast<void**>(&sink));
   }
-  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override {
-    calls.push_back("Unadvise " + std::to_string(cookie));
+  HRESULT STDMETHODCALLTYPE Unadvise(DWORD) override {
     if (_ITarnDllEvents* held = std::exchange(sink, nullptr)) {
       held->Release();
     }
@@ -149,14 +144,10 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
     return names;
   }
 
-  std::vector<std::string> calls;
   std::map<Service, HRESULT> failures;       // queries for these answer this, handing out nothing
   std::optional<std::wstring> json = L"{}";  // none: a null BSTR
   HRESULT configResult = S_OK;
-  HRESULT findResult = S_OK;
-  HRESULT adviseResult = S_OK;
-  std::atomic<HRESULT> sendResult{S_OK};
-  std::size_t loseEvery = 0;
+  HRESULT sendResult = S_OK;
   _ITarnDllEvents* sink = nullptr;  // the subscribed sink, as the module notification interface
   std::vector<HookRequest> requests;
   std::map<std::wstring, HRESULT> hookResults;
