@@ -107,7 +107,7 @@ TEST(ExportResolver, FindsByExactNameOrGivesTheStatusOfTheFirstBrokenField) {
       << "a forwarder without a place for its string";
 }
 
-TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionWhenThereIsABlockThatHoldsOne) {
+TEST(VersionResource, BuildNumberIsTheThirdPartOfTheFileVersionOrNoneWithoutABlockThatHoldsOne) {
   struct Row {
     test::VersionBlockSpec spec;
     std::optional<std::uint16_t> build;
