@@ -3,4 +3,4 @@
 set(KESTREL_MINGW_TRIPLE arm64ec-w64-mingw32)
 set(KESTREL_IMAGE_MACHINE arm64ec)
 set(KESTREL_WINE_SETUP arm64ec-wine)
-include(${CMAKE_CURRENT_LIST_DIR}/WindowsOnArm.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/WindowsClang.cmake)

@@ -10,6 +10,7 @@
 
 #include "KestrelLib/TrapList.auto.h"
 #include "tests/support/HookedAddon.h"
+#include "tools/kestrel-host/StrictCfg.h"
 
 namespace {
 
@@ -28,24 +29,39 @@ DWORD CompressCatching(tessel::RtlCompressBufferFunction* compress, std::uint8_t
 
 class Win32Host : public test::HookedAddon {};
 
-// An Arm64EC process maps the Arm64EC view of the ARM64X image: its exports are x64 fast-forward
-// sequences (mov rax,rsp; mov [rax+20h],rbx; push rbp; pop rbp; jmp rel32) into Arm64EC code, as
-// the platform's own RtlIsEcCode tells. Every other process calls the export's own code.
+// The view a process maps follows from the image and the process. Where the process's code is x64
+// (an x64 or Arm64EC process on Windows on Arm), a hybrid image shows its Arm64EC view, whose
+// exports are x64 fast-forward sequences (mov rax,rsp; mov [rax+20h],rbx; push rbp; pop rbp;
+// jmp rel32) into Arm64EC code, as the platform's own RtlIsEcCode tells where it has one.
+// Everywhere else the export is the function's own code.
 TEST(LoadedView, IsTheViewOfThisProcessArchitecture) {
   const auto* entry = reinterpret_cast<const std::uint8_t*>(test::AddonModule::Load().DllGetClassObject);
   ASSERT_NE(entry, nullptr);
+  const auto headers = [](HMODULE module) {
+    const auto* base = reinterpret_cast<const std::uint8_t*>(module);
+    return reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  };
+  const IMAGE_NT_HEADERS* addon = headers(GetModuleHandleW(L"Kestrel.dll"));
+  const IMAGE_DATA_DIRECTORY& config = addon->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_LOAD_CONFIG];
+  const bool hybrid = config.VirtualAddress != 0 &&
+                      reinterpret_cast<const IMAGE_LOAD_CONFIG_DIRECTORY*>(
+                          reinterpret_cast<const std::uint8_t*>(GetModuleHandleW(L"Kestrel.dll")) + config.VirtualAddress)
+                              ->CHPEMetadataPointer != 0;
+  const bool x64Process = headers(GetModuleHandleW(nullptr))->FileHeader.Machine == IMAGE_FILE_MACHINE_AMD64;
+
   constexpr std::uint8_t kFastForward[] = {0x48, 0x8B, 0xC4, 0x48, 0x89, 0x58, 0x20, 0x55, 0x5D, 0xE9};
   const bool fastForward = std::equal(std::begin(kFastForward), std::end(kFastForward), entry);
-#if defined(__arm64ec__)
-  ASSERT_TRUE(fastForward) << "the export is not the Arm64EC view's x64 entry";
-  std::int32_t offset;
-  std::memcpy(&offset, entry + sizeof kFastForward, sizeof offset);
-  const auto target = reinterpret_cast<std::uintptr_t>(entry + sizeof kFastForward + sizeof offset) + offset;
-  EXPECT_TRUE(RtlIsEcCode(target)) << "its jump lands in Arm64EC code";
-  EXPECT_FALSE(RtlIsEcCode(reinterpret_cast<std::uintptr_t>(entry)));
-#else
-  EXPECT_FALSE(fastForward);
-#endif
+  ASSERT_EQ(fastForward, hybrid && x64Process) << "hybrid image: " << hybrid << ", x64 process: " << x64Process;
+  using IsEcCode = BOOLEAN(NTAPI*)(ULONG64);
+  const auto isEcCode =
+      reinterpret_cast<IsEcCode>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlIsEcCode")));
+  if (fastForward && isEcCode != nullptr) {
+    std::int32_t offset;
+    std::memcpy(&offset, entry + sizeof kFastForward, sizeof offset);
+    EXPECT_TRUE(isEcCode(reinterpret_cast<std::uintptr_t>(entry + sizeof kFastForward + sizeof offset) + offset))
+        << "its jump lands in Arm64EC code";
+    EXPECT_FALSE(isEcCode(reinterpret_cast<std::uintptr_t>(entry)));
+  }
 }
 
 // A snapshot function that throws a C++ exception of this program's runtime, not the module's.
@@ -101,6 +117,32 @@ TEST_F(Win32Host, ThreadWithoutTlsArrayCallsTheRealFunctionAndTouchesNoThreadLoc
   EXPECT_EQ(CallWithoutTlsArray(Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap")),
             reinterpret_cast<void*>(24));
   EXPECT_EQ(realCallsWithoutTls, 1);
+}
+
+// A hook service that hands the add-on, as the real function, code in executable memory it never
+// declared: the add-on's call through the slot ends the process there, as Windows ends a strict-CFG
+// process. Declared, the same code is called. (An Arm64EC process would take Arm64 code outside
+// its images for x64 code and enter the emulator, which Wine here does not have.)
+TEST_F(Win32Host, StrictCfgEndsTheProcessAtACallToUndeclaredCodeThroughTheSlot) {
+#if defined(__arm64ec__)
+  GTEST_SKIP() << "no x64 emulator";
+#endif
+#if defined(__aarch64__) || defined(__arm64ec__)
+  const std::uint32_t returnsSeven[] = {0xD28000E0, 0xD65F03C0};  // mov x0, #7; ret
+#else
+  const std::uint8_t returnsSeven[] = {0xB8, 0x07, 0x00, 0x00, 0x00, 0xC3};  // mov eax, 7; ret
+#endif
+  void* code = VirtualAlloc(nullptr, sizeof returnsSeven, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE);
+  ASSERT_NE(code, nullptr);
+  std::memcpy(code, returnsSeven, sizeof returnsSeven);
+  FlushInstructionCache(GetCurrentProcess(), code, sizeof returnsSeven);
+  host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
+  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlCompactHeap", code}}));
+  auto* compact = Handler<tessel::RtlCompactHeapFunction>(L"RtlCompactHeap");
+  EXPECT_EXIT(compact(nullptr, 0), testing::ExitedWithCode(host::cfg::kFailedCheckExitCode),
+              "is not a valid call target");
+  host::cfg::AllowHostCode(code, sizeof returnsSeven);
+  EXPECT_EQ(compact(nullptr, 0), 7u);
 }
 
 }  // namespace

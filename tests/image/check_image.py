@@ -31,7 +31,7 @@ def check(condition, what):
 
 
 def tool(prefix, name, *args):
-    return subprocess.run([prefix + name, *args], capture_output=True, text=True, check=True).stdout
+    return subprocess.run([prefix + name, *args], capture_output=True, text=True, errors="replace", check=True).stdout
 
 
 def views(text):

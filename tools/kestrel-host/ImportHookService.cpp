@@ -3,6 +3,7 @@
 #include "libinfra/platform/Platform.h"
 #include "tools/kestrel-host/Modules.h"
 #include "tools/kestrel-host/Output.h"
+#include "tools/kestrel-host/StrictCfg.h"
 
 namespace host {
 namespace {
@@ -48,6 +49,7 @@ HRESULT ImportHookService::SetHook(const wchar_t* functionName, void** targetSlo
   } else if (const auto failure = failures_.find(name); failure != failures_.end()) {
     result = failure->second;
   } else {
+    cfg::CheckCall(handler);  // callers will reach it through their import tables, unchecked
     {
       std::lock_guard lock(mutex_);
       routes_.push_back({*targetSlot, handler});

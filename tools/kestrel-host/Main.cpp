@@ -4,6 +4,8 @@
 //   kestrel-host bench [--iterations N]
 //   kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]
 //   kestrel-host load-cost [--iterations N]
+// With --strict-cfg (any mode but load-cost), Control Flow Guard is enforced as in a strict-CFG
+// process (StrictCfg.h): the run ends with the checks made, or fails at the first invalid target.
 // Standard output is one JSON object a line: the host's steps with their HRESULTs, and the
 // add-on's events, decoded (a soak prints only its summary, as the last line). The add-on's
 // log records go to standard error.
@@ -25,6 +27,7 @@
 #include "tools/kestrel-host/Output.h"
 #include "tools/kestrel-host/Services.h"
 #include "tools/kestrel-host/Soak.h"
+#include "tools/kestrel-host/StrictCfg.h"
 #include "tools/kestrel-host/Workload.h"
 
 namespace {
@@ -36,6 +39,7 @@ struct Options {
   int iterations = 1'000'000;
   int seconds = 30;
   int threads = 4;
+  bool strictCfg = false;
   std::wstring config = L"{}";
   unsigned loseEvery = 0;
   std::set<std::wstring> policyExcluded;
@@ -46,9 +50,9 @@ struct Options {
   std::fprintf(stderr,
                "kestrel-host: %s\n"
                "usage: kestrel-host [run] [--config FILE] [--lose-every N] [--policy-exclude NAME]... "
-               "[--fail NAME=HRESULT]...\n"
-               "       kestrel-host bench [--iterations N]\n"
-               "       kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE]\n"
+               "[--fail NAME=HRESULT]... [--strict-cfg]\n"
+               "       kestrel-host bench [--iterations N] [--strict-cfg]\n"
+               "       kestrel-host soak [--seconds N] [--threads T] [--lose-every K] [--config FILE] [--strict-cfg]\n"
                "       kestrel-host load-cost [--iterations N]\n",
                problem);
   std::exit(2);
@@ -74,6 +78,10 @@ Options Parse(int argc, char** argv) {
   }
   for (; i < args.size(); ++i) {
     const std::string& option = args[i];
+    if (option == "--strict-cfg" && options.mode != Mode::LoadCost) {
+      options.strictCfg = true;
+      continue;
+    }
     if (i + 1 >= args.size()) {
       Usage(("missing value for " + option).c_str());
     }
@@ -119,6 +127,9 @@ int main(int argc, char** argv) {
   const std::wstring modulePath = addonPath != nullptr && *addonPath != L'\0' ? addonPath : L"Kestrel.dll";
   if (options.mode == Mode::LoadCost) {
     return host::RunLoadCost(modulePath, options.iterations);
+  }
+  if (options.strictCfg) {
+    host::cfg::EnforceEverywhere();  // before the add-on is mapped, as the loader would
   }
   HMODULE addonModule = LoadLibraryW(modulePath.c_str());
   out.Step("LoadLibrary", addonModule != nullptr ? S_OK : HRESULT_FROM_WIN32(GetLastError()));
@@ -186,6 +197,16 @@ int main(int argc, char** argv) {
   addon = {};
   out.Step("Release", S_OK);
   out.Step("DllCanUnloadNow", canUnloadNow());
+  if (options.strictCfg) {
+    const nlohmann::json checks = {{"checks", host::cfg::Checks()},
+                                   {"checksByAddon", host::cfg::ChecksBy(addonModule)},
+                                   {"checksByHost", host::cfg::ChecksBy(GetModuleHandleW(nullptr))}};
+    if (soak) {
+      summary["strictCfg"] = checks;
+    } else {
+      out.Step("StrictCfg", S_OK, checks);
+    }
+  }
   if (soak) {
     const nlohmann::json counts = events.Counts();
     summary["eventsReceived"] = counts["received"];

@@ -1,14 +1,19 @@
-# Windows on Arm with clang 22, the mingw-w64 UCRT runtime, libc++ and libunwind, linked
-# statically by lld: the toolchain scripts/arm64-toolchain builds from Debian's sources. Every
-# tool runs inside that toolchain's root through the links in cmake/arm64/. Included by the
-# toolchain file of each triple, which sets KESTREL_MINGW_TRIPLE first, and the set-up script of
-# the Wine its programs run under (KESTREL_WINE_SETUP).
+# Windows with clang 22, the mingw-w64 UCRT runtime, libc++ and libunwind, linked statically by
+# lld: the toolchain scripts/toolchain builds from Debian's sources, one root for x86_64, aarch64
+# and arm64ec. Every tool runs inside that root through the links in cmake/tools/. Included by the
+# toolchain file of each triple, which sets KESTREL_MINGW_TRIPLE and KESTREL_IMAGE_MACHINE first,
+# and, for the Arm triples, the set-up script of the Wine its programs run under
+# (KESTREL_WINE_SETUP); x64 programs run under this machine's Wine.
 set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR ARM64)
+if(KESTREL_MINGW_TRIPLE MATCHES "^x86_64")
+  set(CMAKE_SYSTEM_PROCESSOR AMD64)
+else()
+  set(CMAKE_SYSTEM_PROCESSOR ARM64)
+endif()
 # Carried into CMake's compiler checks, which run this file again in their own projects.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_MINGW_TRIPLE KESTREL_WINE_SETUP)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KESTREL_MINGW_TRIPLE KESTREL_IMAGE_MACHINE KESTREL_WINE_SETUP)
 
-set(tools ${CMAKE_CURRENT_LIST_DIR}/arm64)
+set(tools ${CMAKE_CURRENT_LIST_DIR}/tools)
 set(CMAKE_C_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-clang)
 set(CMAKE_CXX_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-clang++)
 set(CMAKE_RC_COMPILER ${tools}/${KESTREL_MINGW_TRIPLE}-windres)
@@ -16,7 +21,7 @@ set(CMAKE_AR ${tools}/llvm-ar CACHE FILEPATH "")
 set(CMAKE_RANLIB ${tools}/llvm-ranlib CACHE FILEPATH "")
 set(CMAKE_NM ${tools}/llvm-nm CACHE FILEPATH "")
 set(CMAKE_OBJDUMP ${tools}/llvm-objdump CACHE FILEPATH "")
-# What the image check reads the built DLL with.
+# What the image checks read the built images with.
 set(KESTREL_LLVM_TOOLS ${tools}/)
 
 include(${CMAKE_CURRENT_LIST_DIR}/WindowsDebugInfo.cmake)
