@@ -36,7 +36,7 @@ class Reader {
     while (!open_.empty()) {
       SkipBlank();
       const bool inObject = open_.back() == '{';
-      if (Peek() == (inObject ? '}' : ']')) {
+      if (Peek() == (inObject ? U'}' : U']')) {
         ++pos_;
         open_.pop_back();
         opened = false;
