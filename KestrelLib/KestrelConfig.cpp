@@ -1,17 +1,13 @@
 #include "KestrelLib/KestrelConfig.h"
 
-#include <algorithm>
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
-#include <string>
 #include <string_view>
 
-#include "libinfra/text/Utf8.h"
+#include "KestrelLib/JsonReader.h"
 
 namespace tessel {
 namespace {
-
-using Json = nlohmann::json;
 
 // The conversion error of a value that does not have the record's JSON type.
 class ConversionError : public std::runtime_error {
@@ -19,96 +15,72 @@ class ConversionError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Never a byte of well-formed UTF-8: the parser reports it, with its position, as ill-formed.
-constexpr char kIllFormed = '\xFF';
-
-bool IsHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
-bool IsLowSurrogate(char32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
-
-// The JSON library's own UTF-16 reader lets a lone high surrogate followed by an ordinary
-// character through, so the text is converted here, strictly, and the parser reads UTF-8.
-std::string StrictUtf8(std::wstring_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto unit = static_cast<char32_t>(text[i]);
-    if constexpr (sizeof(wchar_t) == 2) {
-      if (IsHighSurrogate(unit) && i + 1 < text.size() && IsLowSurrogate(static_cast<char32_t>(text[i + 1]))) {
-        const auto low = static_cast<char32_t>(text[++i]);
-        text::AppendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
-        continue;
+// What the conversions read of the document: its kind, and the kinds of its first "flags" member
+// and of that member's first "hookHeapAllocator". The library keeps the first of a repeated member.
+class Outline final : public JsonVisitor {
+ public:
+  void Value(std::size_t depth, std::u16string_view name, JsonKind kind) override {
+    if (depth == 0) {
+      document = kind;
+    } else if (depth == 1) {
+      inFlags_ = !flags && name == u"flags";
+      if (inFlags_) {
+        flags = kind;
       }
-    }
-    if (IsHighSurrogate(unit) || IsLowSurrogate(unit) || unit > 0x10FFFF) {
-      out += kIllFormed;
-    } else {
-      text::AppendUtf8(out, unit);
+    } else if (depth == 2 && inFlags_ && !hookHeapAllocator && name == u"hookHeapAllocator") {
+      hookHeapAllocator = kind;
     }
   }
-  return out;
+
+  JsonKind document = JsonKind::Null;
+  std::optional<JsonKind> flags;
+  std::optional<JsonKind> hookHeapAllocator;
+
+ private:
+  bool inFlags_ = false;  // the values at depth 2 are the first "flags" member's
+};
+
+bool ToBool(JsonKind kind) {
+  switch (kind) {
+    case JsonKind::True:
+    case JsonKind::IntegerNonZero:
+      return true;
+    case JsonKind::False:
+    case JsonKind::IntegerZero:
+      return false;
+    default:
+      throw ConversionError("Not a bool");
+  }
 }
 
-// The parser takes a NUL byte outside a string for the end of the text, so it would accept the
-// value before one and leave the rest unread. After a successful parse, a NUL can only be after
-// the value (inside a string it is an error already): text after the value, reported as the
-// parser reports other trailing text, with its position.
-void RejectTextAfterNul(const std::string& text) {
-  const std::size_t nul = text.find('\0');
-  if (nul == std::string::npos) {
-    return;
-  }
-  const std::size_t lineStart = text.rfind('\n', nul) + 1;  // 0 when there is no newline before
-  const std::string_view before(text.data(), nul);
-  const nlohmann::detail::position_t position{nul + 1, nul + 1 - lineStart,
-                                              static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'))};
-  throw Json::parse_error::create(
-      101, position, "syntax error while parsing value - unexpected U+0000; expected end of input", nullptr);
-}
-
-Json ParseWhole(std::wstring_view json) {
-  const std::string text = StrictUtf8(json);
-  Json value = Json::parse(text);
-  RejectTextAfterNul(text);
-  return value;
-}
-
-bool ToBool(const Json& value) {
-  if (value.is_boolean()) {
-    return value.get<bool>();
-  }
-  if (value.is_number_unsigned()) {
-    return value.get<std::uint64_t>() != 0;
-  }
-  if (value.is_number_integer()) {
-    return value.get<std::int64_t>() != 0;
-  }
-  throw ConversionError("Not a bool");
-}
-
-HookFlags ToHookFlags(const Json& value) {
-  if (!value.is_object()) {
+HookFlags ToHookFlags(const Outline& outline) {
+  if (outline.flags != JsonKind::Object) {
     throw ConversionError("Not a tessel::HookFlags");
   }
   HookFlags flags;
-  if (const auto member = value.find("hookHeapAllocator"); member != value.end()) {
-    flags.hookHeapAllocator = ToBool(*member);
+  if (outline.hookHeapAllocator) {
+    flags.hookHeapAllocator = ToBool(*outline.hookHeapAllocator);
   }
   return flags;
 }
 
-KestrelConfig ToKestrelConfig(const Json& value) {
-  if (!value.is_object()) {
+KestrelConfig ToKestrelConfig(const Outline& outline) {
+  if (outline.document != JsonKind::Object) {
     throw ConversionError("Not a tessel::KestrelConfig");
   }
   KestrelConfig config;
-  if (const auto member = value.find("flags"); member != value.end()) {
-    config.flags = ToHookFlags(*member);
+  if (outline.flags) {
+    config.flags = ToHookFlags(outline);
   }
   return config;
 }
 
 }  // namespace
 
-KestrelConfig DecodeKestrelConfig(std::wstring_view json) { return ToKestrelConfig(ParseWhole(json)); }
+KestrelConfig DecodeKestrelConfig(std::wstring_view json) {
+  Outline outline;
+  ReadJson(json, outline);
+  return ToKestrelConfig(outline);
+}
 
 }  // namespace tessel

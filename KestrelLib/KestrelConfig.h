@@ -14,9 +14,10 @@ struct KestrelConfig {
   HookFlags flags;
 };
 
-// Parses the whole text as one JSON value and converts it. Throws a std::exception: the JSON
-// library's parse error (with line and column; ill-formed UTF-16 is one), or a conversion error
-// whose message is "Not a tessel::KestrelConfig", "Not a tessel::HookFlags" or "Not a bool".
+// Parses the whole text as one JSON value (ReadJson: what jsoncons accepts, comments included) and
+// converts it; of a repeated member the first counts. Throws a std::runtime_error: the parse
+// error (JsonSyntaxError, with line and column), or a conversion error whose message is
+// "Not a tessel::KestrelConfig", "Not a tessel::HookFlags" or "Not a bool".
 KestrelConfig DecodeKestrelConfig(std::wstring_view json);
 
 }  // namespace tessel
