@@ -7,7 +7,7 @@
 # exposes: its exports, entry point and TLS callbacks, and every relocated pointer from data into
 # code (vtables, function tables). Left aside: the guard pointers, which the loader overwrites and
 # whose initial no-check stubs are never called through a check, and an Arm64EC view's auxiliary
-# import table, which holds the loader's import thunks.
+# import tables, which hold the loader's import thunks.
 #
 # usage: check_hardening.py LLVM_TOOLS_PREFIX MACHINE IMAGE...
 #   LLVM_TOOLS_PREFIX: the path that llvm-readobj, llvm-objdump and llvm-pdbutil complete;
@@ -75,12 +75,15 @@ class Image:
         found = {int(rva, 16): "export" for rva in re.findall(r"^\s*RVA: 0x(\w+)$", self.part(self.exports, view), re.M)}
         if entry := number(self.part(self.headers, view), "AddressOfEntryPoint"):
             found[entry] = "entry point"
-        loaders = {self.rva(view, "GuardCFCheckFunction"), self.rva(view, "GuardCFCheckDispatch")}
-        auxiliary = self.rva(view, "AuxiliaryIAT")
+        # Each view's guard pointers: the views share their data.
+        loaders = {self.rva(other, name) for other in range(len(self.views))
+                   for name in ("GuardCFCheckFunction", "GuardCFCheckDispatch")}
+        # The hybrid metadata gives the auxiliary import table and its copy as RVAs.
+        auxiliary = [number(self.part(self.configs, view), name) for name in ("AuxiliaryIAT", "AuxiliaryIATCopy")]
         iat_size = number(self.part(self.headers, view), "IATSize")
         for site in map(lambda rva: int(rva, 16), re.findall(r"Type: DIR64\n\s*Address: 0x(\w+)",
                                                            self.part(self.relocations, view))):
-            if site in loaders or (auxiliary is not None and auxiliary <= site < auxiliary + iat_size):
+            if site in loaders or any(table and table <= site < table + iat_size for table in auxiliary):
                 continue
             if not self.is_code(site) and self.is_code(target := self.pointer(site) - self.base):
                 found.setdefault(target, f"pointer at {site:#x} in {self.section_at(site)['name']}")
