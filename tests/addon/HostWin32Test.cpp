@@ -43,18 +43,19 @@ TEST(LoadedView, IsTheViewOfThisProcessArchitecture) {
   };
   const IMAGE_NT_HEADERS* addon = headers(GetModuleHandleW(L"Kestrel.dll"));
   const IMAGE_DATA_DIRECTORY& config = addon->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_LOAD_CONFIG];
-  const bool hybrid = config.VirtualAddress != 0 &&
-                      reinterpret_cast<const IMAGE_LOAD_CONFIG_DIRECTORY*>(
-                          reinterpret_cast<const std::uint8_t*>(GetModuleHandleW(L"Kestrel.dll")) + config.VirtualAddress)
-                              ->CHPEMetadataPointer != 0;
+  const bool hybrid =
+      config.VirtualAddress != 0 &&
+      reinterpret_cast<const IMAGE_LOAD_CONFIG_DIRECTORY*>(
+          reinterpret_cast<const std::uint8_t*>(GetModuleHandleW(L"Kestrel.dll")) + config.VirtualAddress)
+              ->CHPEMetadataPointer != 0;
   const bool x64Process = headers(GetModuleHandleW(nullptr))->FileHeader.Machine == IMAGE_FILE_MACHINE_AMD64;
 
   constexpr std::uint8_t kFastForward[] = {0x48, 0x8B, 0xC4, 0x48, 0x89, 0x58, 0x20, 0x55, 0x5D, 0xE9};
   const bool fastForward = std::equal(std::begin(kFastForward), std::end(kFastForward), entry);
   ASSERT_EQ(fastForward, hybrid && x64Process) << "hybrid image: " << hybrid << ", x64 process: " << x64Process;
   using IsEcCode = BOOLEAN(NTAPI*)(ULONG64);
-  const auto isEcCode =
-      reinterpret_cast<IsEcCode>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlIsEcCode")));
+  const auto isEcCode = reinterpret_cast<IsEcCode>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlIsEcCode")));
   if (fastForward && isEcCode != nullptr) {
     std::int32_t offset;
     std::memcpy(&offset, entry + sizeof kFastForward, sizeof offset);

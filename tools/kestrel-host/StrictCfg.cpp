@@ -1,11 +1,10 @@
 #include "tools/kestrel-host/StrictCfg.h"
 
-#include <psapi.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <psapi.h>
 
 // ntdll's loader notifications, which the SDK headers do not declare.
 extern "C" {
@@ -16,9 +15,9 @@ struct LdrDllNotificationData {
   void* dllBase;
   ULONG sizeOfImage;
 };
-__declspec(dllimport) LONG NTAPI LdrRegisterDllNotification(ULONG flags,
-                                                            void(CALLBACK* function)(ULONG, const void*, void*),
-                                                            void* context, void** cookie);
+__declspec(dllimport) LONG NTAPI
+    LdrRegisterDllNotification(ULONG flags, void(CALLBACK* function)(ULONG, const void*, void*), void* context,
+                               void** cookie);
 
 // The checks the images' guard pointers are set to (StrictCfgGuard.S): each saves what the call
 // it guards needs, passes the target and its call site to KestrelHostCheckIndirectCall, restores
@@ -75,7 +74,7 @@ const IMAGE_LOAD_CONFIG_DIRECTORY* GuardConfig(const BYTE* base) {
   }
   const auto* config = reinterpret_cast<const IMAGE_LOAD_CONFIG_DIRECTORY*>(base + entry.VirtualAddress);
   return config->Size >= offsetof(IMAGE_LOAD_CONFIG_DIRECTORY, GuardFlags) + sizeof config->GuardFlags ? config
-                                                                                                          : nullptr;
+                                                                                                       : nullptr;
 }
 
 bool HasCfg(const BYTE* base) {
