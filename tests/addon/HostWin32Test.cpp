@@ -1,7 +1,7 @@
 // What only a Windows host sees, through the built Kestrel.dll: which view of the image this
 // process runs, a structured exception raised by the real function reaches its caller unchanged
-// and leaves the hook's guard, and a thread whose TLS array does not exist yet passes straight
-// through.
+// and leaves the hook's guard, a thread whose TLS array does not exist yet passes straight
+// through, and strict CFG refuses what no guard table lists.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -120,11 +120,16 @@ TEST_F(Win32Host, ThreadWithoutTlsArrayCallsTheRealFunctionAndTouchesNoThreadLoc
   EXPECT_EQ(realCallsWithoutTls, 1);
 }
 
-// A hook service that hands the add-on, as the real function, code in executable memory it never
-// declared: the add-on's call through the slot ends the process there, as Windows ends a strict-CFG
-// process. Declared, the same code is called. (An Arm64EC process would take Arm64 code outside
-// its images for x64 code and enter the emulator, which Wine here does not have.)
-TEST_F(Win32Host, StrictCfgEndsTheProcessAtACallToUndeclaredCodeThroughTheSlot) {
+// Strict CFG at work. Inside the add-on only what its guard table lists may be called. And a hook
+// service that hands the add-on, as the real function, code in executable memory it never
+// declared: the add-on's call through the slot ends the process there, as Windows ends a
+// strict-CFG process. Declared, the same code is called. (An Arm64EC process would take Arm64 code
+// outside its images for x64 code and enter the emulator, which Wine here does not have.)
+TEST_F(Win32Host, StrictCfgRefusesTargetsNoTableListsAndEndsTheProcessAtOne) {
+  const auto* exported =
+      reinterpret_cast<const std::uint8_t*>(GetProcAddress(GetModuleHandleW(L"Kestrel.dll"), "DllCanUnloadNow"));
+  EXPECT_TRUE(host::cfg::IsValidTarget(exported));
+  EXPECT_FALSE(host::cfg::IsValidTarget(exported + 4)) << "inside the add-on, not in its guard table";
 #if defined(__arm64ec__)
   GTEST_SKIP() << "no x64 emulator";
 #endif
