@@ -2,6 +2,30 @@
 // the guarded call still needs, hands the target and the call site to
 // KestrelHostCheckIndirectCall, restores everything and goes on as the platform's own check does.
 
+#if defined(__arm64ec__) || defined(__aarch64__)
+// The call's arguments, x0-x7 and q0-q7, in the frame above the saved fp and lr.
+        .macro save_arguments
+        stp     x0, x1, [sp, #0x10]
+        stp     x2, x3, [sp, #0x20]
+        stp     x4, x5, [sp, #0x30]
+        stp     x6, x7, [sp, #0x40]
+        stp     q0, q1, [sp, #0x50]
+        stp     q2, q3, [sp, #0x70]
+        stp     q4, q5, [sp, #0x90]
+        stp     q6, q7, [sp, #0xb0]
+        .endm
+        .macro restore_arguments
+        ldp     x0, x1, [sp, #0x10]
+        ldp     x2, x3, [sp, #0x20]
+        ldp     x4, x5, [sp, #0x30]
+        ldp     x6, x7, [sp, #0x40]
+        ldp     q0, q1, [sp, #0x50]
+        ldp     q2, q3, [sp, #0x70]
+        ldp     q4, q5, [sp, #0x90]
+        ldp     q6, q7, [sp, #0xb0]
+        .endm
+#endif
+
 #if defined(__arm64ec__)
 // Arm64EC: __os_arm64x_check_icall_cfg. The target is in x11 and its exit thunk in x10; the
 // platform's check answers in x11 what to call (the exit thunk for x64 code). The call's own
@@ -13,29 +37,15 @@
 "#KestrelHostGuardCheck":
         stp     x29, x30, [sp, #-0xf0]!
         mov     x29, sp
-        stp     x0, x1, [sp, #0x10]
-        stp     x2, x3, [sp, #0x20]
-        stp     x4, x5, [sp, #0x30]
-        stp     x6, x7, [sp, #0x40]
-        stp     x8, x9, [sp, #0x50]
-        stp     x10, x11, [sp, #0x60]
-        stp     q0, q1, [sp, #0x70]
-        stp     q2, q3, [sp, #0x90]
-        stp     q4, q5, [sp, #0xb0]
-        stp     q6, q7, [sp, #0xd0]
+        save_arguments
+        stp     x8, x9, [sp, #0xd0]
+        stp     x10, x11, [sp, #0xe0]
         mov     x0, x11
         mov     x1, x30
         bl      "#KestrelHostCheckIndirectCall"
-        ldp     x0, x1, [sp, #0x10]
-        ldp     x2, x3, [sp, #0x20]
-        ldp     x4, x5, [sp, #0x30]
-        ldp     x6, x7, [sp, #0x40]
-        ldp     x8, x9, [sp, #0x50]
-        ldp     x10, x11, [sp, #0x60]
-        ldp     q0, q1, [sp, #0x70]
-        ldp     q2, q3, [sp, #0x90]
-        ldp     q4, q5, [sp, #0xb0]
-        ldp     q6, q7, [sp, #0xd0]
+        restore_arguments
+        ldp     x8, x9, [sp, #0xd0]
+        ldp     x10, x11, [sp, #0xe0]
         ldp     x29, x30, [sp], #0xf0
         adrp    x16, kestrelHostPlatformCheck
         ldr     x16, [x16, :lo12:kestrelHostPlatformCheck]
@@ -51,27 +61,13 @@
 KestrelHostGuardCheck:
         stp     x29, x30, [sp, #-0xe0]!
         mov     x29, sp
-        stp     x0, x1, [sp, #0x10]
-        stp     x2, x3, [sp, #0x20]
-        stp     x4, x5, [sp, #0x30]
-        stp     x6, x7, [sp, #0x40]
-        stp     x8, x15, [sp, #0x50]
-        stp     q0, q1, [sp, #0x60]
-        stp     q2, q3, [sp, #0x80]
-        stp     q4, q5, [sp, #0xa0]
-        stp     q6, q7, [sp, #0xc0]
+        save_arguments
+        stp     x8, x15, [sp, #0xd0]
         mov     x0, x15
         mov     x1, x30
         bl      KestrelHostCheckIndirectCall
-        ldp     x0, x1, [sp, #0x10]
-        ldp     x2, x3, [sp, #0x20]
-        ldp     x4, x5, [sp, #0x30]
-        ldp     x6, x7, [sp, #0x40]
-        ldp     x8, x15, [sp, #0x50]
-        ldp     q0, q1, [sp, #0x60]
-        ldp     q2, q3, [sp, #0x80]
-        ldp     q4, q5, [sp, #0xa0]
-        ldp     q6, q7, [sp, #0xc0]
+        restore_arguments
+        ldp     x8, x15, [sp, #0xd0]
         ldp     x29, x30, [sp], #0xe0
         ret
 
