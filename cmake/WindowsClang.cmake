@@ -27,6 +27,7 @@ set(KESTREL_LLVM_TOOLS ${tools}/)
 include(${CMAKE_CURRENT_LIST_DIR}/WindowsDebugInfo.cmake)
 set(CMAKE_C_FLAGS_INIT "-fms-extensions ${KESTREL_DEBUG_INFO_FLAGS}")
 set(CMAKE_CXX_FLAGS_INIT "-fms-extensions ${KESTREL_DEBUG_INFO_FLAGS}")
+set(CMAKE_ASM_FLAGS_INIT "${KESTREL_DEBUG_INFO_FLAGS}")
 # Static runtime: nothing but system DLLs and the UCRT next to Kestrel.dll.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static ${KESTREL_PDB_LINK_FLAGS}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static ${KESTREL_PDB_LINK_FLAGS}")
