@@ -35,7 +35,6 @@ TEST(Configuration, DecodesOrIsRefusedWithTheLibrarysMessage) {
   const std::string parseError = "[json.exception.parse_error.101] parse error at line ";
   const std::pair<std::wstring, std::string> rows[] = {
       {L"{}", "false"},
-      {L"{\"flags\":{\"hookHeapAllocator\":true}}", "true"},
       {L"{\"flags\":{\"hookHeapAllocator\":0}}", "false"},
       {L"{\"flags\":{\"hookHeapAllocator\":-1}}", "true"},
       {L"{\"flags\":{\"hookHeapAllocator\":18446744073709551615}}", "true"},
