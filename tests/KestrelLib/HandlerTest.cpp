@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <stdexcept>
 #include <thread>
 
@@ -83,6 +84,7 @@ TEST_F(Handlers, FailedSendsAreLoggedWithTheirLinesAndNeverReachTheCaller) {
   tessel::Globals::eventGenerator = nullptr;  // Send throws E_POINTER inside the event step
   SetLastError(1);
   EXPECT_TRUE(RealSnapshot::Returned(snapshot(1, 1)));
+  EXPECT_EQ(std::uncaught_exceptions(), 0) << "caught as C++, not swallowed as a structured exception";
   EXPECT_EQ(
       host_.Records("TrapList.auto.cpp"),
       (std::vector<test::LogRecord>{
