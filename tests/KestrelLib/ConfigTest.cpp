@@ -37,7 +37,6 @@ TEST(Configuration, DecodesWhatJsonconsAcceptsAndRefusesTheRest) {
   const std::string illFormed = "Ill-formed UTF-16 in string";
   const std::pair<std::wstring, std::string> rows[] = {
       {L"{}", "false"},
-      {L"{\"flags\":{\"hookHeapAllocator\":true}}", "true"},
       {L"{\"flags\":{\"hookHeapAllocator\":-0}}", "false"},
       {L"{\"flags\":{\"hookHeapAllocator\":-9223372036854775808}}", "true"},
       {L"{\"flags\":{\"hookHeapAllocator\":18446744073709551615}}", "true"},

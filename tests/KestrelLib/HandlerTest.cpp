@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
+#include <stdexcept>
 #include <thread>
 
 #include "KestrelLib/Globals.h"
@@ -22,10 +24,12 @@ using RealCompress = test::RealFunction<tessel::RtlCompressBufferFunction, 0>;
 using RealSnapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0x12>;
 
 // The real snapshot function calls its own hook again, as code it calls might: the inner call
-// must go straight through, or each snapshot would be reported twice.
+// must go straight through, or each snapshot would be reported twice. Flags 3: it throws.
 tessel::CreateToolhelp32SnapshotFunction* snapshot = nullptr;
 void* ReenteringSnapshot(std::uint32_t flags, std::uint32_t processId) {
-  return flags == 1 ? snapshot(2, processId) : RealSnapshot::Call(flags, processId);
+  return flags == 1   ? snapshot(2, processId)
+         : flags == 3 ? throw std::runtime_error("the real function's own")
+                      : RealSnapshot::Call(flags, processId);
 }
 
 class Handlers : public test::HookedAddon {
@@ -80,6 +84,7 @@ TEST_F(Handlers, FailedSendsAreLoggedWithTheirLinesAndNeverReachTheCaller) {
   tessel::Globals::eventGenerator = nullptr;  // Send throws E_POINTER inside the event step
   SetLastError(1);
   EXPECT_TRUE(RealSnapshot::Returned(snapshot(1, 1)));
+  EXPECT_EQ(std::uncaught_exceptions(), 0) << "caught as C++, not swallowed as a structured exception";
   EXPECT_EQ(
       host_.Records("TrapList.auto.cpp"),
       (std::vector<test::LogRecord>{
@@ -87,6 +92,13 @@ TEST_F(Handlers, FailedSendsAreLoggedWithTheirLinesAndNeverReachTheCaller) {
           {2, "TrapList.auto.cpp", 140,
            "Failed sending ETW event for operation CreateToolhelp32Snapshot! HRESULT: 0x80004005"}}));
   EXPECT_EQ(tessel::lostEventsCount.load(), 0);
+}
+
+// The hook is left on the way out: on Windows by the handler's termination handler, since a
+// frame that holds a __try runs no destructor.
+TEST_F(Handlers, TheRealFunctionsExceptionReachesTheCallerAndLeavesTheHook) {
+  EXPECT_THROW(snapshot(3, 0), std::runtime_error);
+  EXPECT_EQ(tessel::threadHookGuard.activeBits, 0u);
 }
 
 // Four threads lose events at once: each call still returns its real result and last-error

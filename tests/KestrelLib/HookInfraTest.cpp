@@ -175,7 +175,6 @@ TEST_F(HookInfra, ReleaseGivesBackEveryService) {
   Initialize(false);
   EXPECT_THROW(tessel::Globals::initialize(nullptr), std::invalid_argument);
   tessel::Globals::release();
-  EXPECT_EQ(host_.Records("Globals.cpp").back(), (test::LogRecord{4, "Globals.cpp", 88, "Releasing global objects"}));
   EXPECT_EQ(host_.References(), 1u) << "only the sink's connection point is held";
   EXPECT_TRUE(tessel::Globals::hookInfra == nullptr && tessel::Globals::registry == nullptr &&
               !tessel::logging::logFunction);

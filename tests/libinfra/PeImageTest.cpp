@@ -60,15 +60,11 @@ TEST(ExportResolver, FindsByExactNameOrGivesTheStatusOfTheFirstBrokenField) {
          i.Write<std::uint32_t>(i.exportDirectory + kNumberOfFunctions, (i.size() - i.functionTable) / 4 - 1);
        },
        "Zulu", 0xC000007A},
-      {"function table starts outside the image", [](PeImage& i) { i.Write(i.exportDirectory + kFunctions, i.size()); },
-       "Alpha", 0xC000007B},
       {"name table ends exactly at the image end",
        [](PeImage& i) { i.Write(i.exportDirectory + kNames, i.size() - 16); }, "Alpha", 0xC000007B},
       {"ordinal table at the image base, where a table may start", field(kOrdinals, 0), "Alpha", 0xC000007A},
       {"ordinal table wraps around the address space", field(kOrdinals, 0xFFFFFFF0), "Alpha", 0xC000007B},
       {"huge name count runs the name table out", field(kNumberOfNames, 0x40000000), "Alpha", 0xC000007B},
-      {"a probed name RVA outside the image", [](PeImage& i) { i.Write<std::uint32_t>(i.nameTable + 4, 0x7FFFFFFF); },
-       "Alpha", 0xC000007B},
       {"the found name's RVA outside the image", [](PeImage& i) { i.Write(i.nameTable + 12, i.size()); }, "Zulu",
        0xC000007B},
       {"function index not below the function count", [](PeImage& i) { i.Write<std::uint16_t>(i.ordinalTable, 4); },
@@ -82,8 +78,6 @@ TEST(ExportResolver, FindsByExactNameOrGivesTheStatusOfTheFirstBrokenField) {
        },
        "Delta", 0xC000007B},
       {"export directory outside the image", [](PeImage& i) { i.Write(PeImage::DataDirectory(0), i.size() - 8); },
-       "Alpha", 0xC000007B},
-      {"image size smaller than the tables", [](PeImage& i) { i.Write(PeImage::kSizeOfImage, i.exportDirectory + 40); },
        "Alpha", 0xC000007B},
   };
   std::vector<Row> lookups(std::begin(rows), std::end(rows));

@@ -78,10 +78,11 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
     return configResult;
   }
   // Records the event and answers `sendResult`. Like a real host's, it changes the last-error
-  // value, which the caller must not see.
+  // value, which the caller must not see. `whileSending` runs first, outside the lock: it may raise.
   HRESULT STDMETHODCALLTYPE SendEvent(const BYTE* data, UINT32 size) override {
-    std::lock_guard lock(mutex_);
     SetLastError(0xE7);
+    whileSending();
+    std::lock_guard lock(mutex_);
     events_.emplace_back(data, data + size);
     return sendResult;
   }
@@ -148,6 +149,7 @@ class FakeHost final : public com::UnownedObject<IServiceProvider, _ITarnLogger,
   std::optional<std::wstring> json = L"{}";  // none: a null BSTR
   HRESULT configResult = S_OK;
   HRESULT sendResult = S_OK;
+  void (*whileSending)() = [] {};
   _ITarnDllEvents* sink = nullptr;  // the subscribed sink, as the module notification interface
   std::vector<HookRequest> requests;
   std::map<std::wstring, HRESULT> hookResults;
