@@ -3,26 +3,17 @@
 // KestrelHostCheckIndirectCall, restores everything and goes on as the platform's own check does.
 
 #if defined(__arm64ec__) || defined(__aarch64__)
-// The call's arguments, x0-x7 and q0-q7, in the frame above the saved fp and lr.
-        .macro save_arguments
-        stp     x0, x1, [sp, #0x10]
-        stp     x2, x3, [sp, #0x20]
-        stp     x4, x5, [sp, #0x30]
-        stp     x6, x7, [sp, #0x40]
-        stp     q0, q1, [sp, #0x50]
-        stp     q2, q3, [sp, #0x70]
-        stp     q4, q5, [sp, #0x90]
-        stp     q6, q7, [sp, #0xb0]
-        .endm
-        .macro restore_arguments
-        ldp     x0, x1, [sp, #0x10]
-        ldp     x2, x3, [sp, #0x20]
-        ldp     x4, x5, [sp, #0x30]
-        ldp     x6, x7, [sp, #0x40]
-        ldp     q0, q1, [sp, #0x50]
-        ldp     q2, q3, [sp, #0x70]
-        ldp     q4, q5, [sp, #0x90]
-        ldp     q6, q7, [sp, #0xb0]
+// The call's arguments, x0-x7 and q0-q7, in the frame above the saved fp and lr: op is stp to
+// save them, ldp to restore them.
+        .macro arguments op
+        \op     x0, x1, [sp, #0x10]
+        \op     x2, x3, [sp, #0x20]
+        \op     x4, x5, [sp, #0x30]
+        \op     x6, x7, [sp, #0x40]
+        \op     q0, q1, [sp, #0x50]
+        \op     q2, q3, [sp, #0x70]
+        \op     q4, q5, [sp, #0x90]
+        \op     q6, q7, [sp, #0xb0]
         .endm
 #endif
 
@@ -37,13 +28,13 @@
 "#KestrelHostGuardCheck":
         stp     x29, x30, [sp, #-0xf0]!
         mov     x29, sp
-        save_arguments
+        arguments stp
         stp     x8, x9, [sp, #0xd0]
         stp     x10, x11, [sp, #0xe0]
         mov     x0, x11
         mov     x1, x30
         bl      "#KestrelHostCheckIndirectCall"
-        restore_arguments
+        arguments ldp
         ldp     x8, x9, [sp, #0xd0]
         ldp     x10, x11, [sp, #0xe0]
         ldp     x29, x30, [sp], #0xf0
@@ -61,12 +52,12 @@
 KestrelHostGuardCheck:
         stp     x29, x30, [sp, #-0xe0]!
         mov     x29, sp
-        save_arguments
+        arguments stp
         stp     x8, x15, [sp, #0xd0]
         mov     x0, x15
         mov     x1, x30
         bl      KestrelHostCheckIndirectCall
-        restore_arguments
+        arguments ldp
         ldp     x8, x15, [sp, #0xd0]
         ldp     x29, x30, [sp], #0xe0
         ret
