@@ -241,7 +241,10 @@ void CheckCall(const void* target) {
 void AllowHostCode(const void* begin, std::size_t size) {
   const unsigned index = hostCodeCount.load();
   if (index == std::size(hostCode)) {
-    return;
+    // Not kept, the region would be refused at its first call, with a report that misleads.
+    std::fprintf(stderr, "strict CFG: more than %zu regions of host code\n", std::size(hostCode));
+    std::fflush(stderr);
+    TerminateProcess(GetCurrentProcess(), kFailedCheckExitCode);
   }
   hostCode[index].begin.store(reinterpret_cast<std::uintptr_t>(begin));
   hostCode[index].end.store(reinterpret_cast<std::uintptr_t>(begin) + size);
